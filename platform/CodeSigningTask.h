@@ -1,0 +1,33 @@
+// The code identity of a running process: what its executable's entitlements say.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/DomainError.h"
+#include "platform/MessageConnection.h"
+#include "platform/PlistValue.h"
+
+namespace platform {
+
+class CodeSigningTask {
+ public:
+  virtual ~CodeSigningTask() = default;
+  // The value of the named entitlement, nothing when the process has none. *error is set when its entitlements could
+  // not be read or the process is no longer the one that connected; nothing is answered then. From any thread.
+  virtual PlistValue entitlement(std::string_view name, std::optional<DomainError>* error) = 0;
+};
+
+class CodeSigning {
+ public:
+  virtual ~CodeSigning() = default;
+  virtual std::unique_ptr<CodeSigningTask> task(std::shared_ptr<AuditToken> token) = 0;
+  // The executable's device path (its plain path when it lies outside the device root); nothing when the process is
+  // gone or the path is longer than 2047 bytes.
+  virtual std::optional<std::string> executablePath(std::int32_t pid) = 0;
+};
+
+}  // namespace platform

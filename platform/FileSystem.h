@@ -1,0 +1,42 @@
+// Files of the device, by device path. No link leads out of the device root. From any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/DomainError.h"
+#include "platform/FileURL.h"
+
+namespace platform {
+
+class FileSystem {
+ public:
+  // A regular file's state, to see whether it changed.
+  struct Stamp {
+    std::uint64_t device = 0, inode = 0, size = 0;
+    std::int64_t modifiedNanoseconds = 0, changedNanoseconds = 0;
+    friend bool operator==(const Stamp&, const Stamp&) = default;
+  };
+
+  virtual ~FileSystem() = default;
+  // The whole of a regular file of at most `limit` bytes. On failure nothing and *error (FileErrorDomain).
+  virtual std::optional<std::string> readFile(const FileURL& url, DomainError* error,
+                                              std::uint64_t limit = std::uint64_t{256} << 20) = 0;
+  // Writes aside, flushes, moves over the old file and flushes the directory: after true the new content survives a
+  // power cut, before it the old or the new one does. Never follows a link in the last component.
+  virtual bool writeFileAtomically(const FileURL& url, std::string_view bytes, DomainError* error) = 0;
+  // Moves a file within its file system and flushes the directory; an existing target is never replaced.
+  virtual bool moveFile(const FileURL& from, const FileURL& to, DomainError* error) = 0;
+  // With missing parents, all with these permissions; an existing directory is success.
+  virtual bool createDirectory(const FileURL& url, unsigned permissions, DomainError* error) = 0;
+  // Nothing when there is no regular file.
+  virtual std::optional<Stamp> stampOfFile(const FileURL& url) = 0;
+  virtual bool exists(const FileURL& url) = 0;
+  // The canonical device path (links, "." and ".." resolved); nothing when it does not exist or exceeds 1024 bytes.
+  virtual std::optional<std::string> canonicalPath(std::string_view path) = 0;
+};
+
+}  // namespace platform
