@@ -150,7 +150,7 @@ class FormatString {
   std::string_view text() const { return text_; }
 
  private:
-  static consteval bool acceptsAt(std::size_t index, char conversion) {
+  static consteval bool acceptsAt([[maybe_unused]] std::size_t index, [[maybe_unused]] char conversion) {
     std::size_t at = 0;
     bool result = false;
     ((result = at++ == index ? format_detail::accepts<std::remove_cvref_t<Args>>(conversion) : result), ...);
