@@ -41,7 +41,9 @@ void describeTo(std::string& out, const std::optional<T>& value) {
 }
 
 template <class T>
-concept Describable = requires(std::string& out, const T& value) { describeTo(out, value); };
+concept Describable = requires(std::string& out, const T& value) {
+  describeTo(out, value);
+};
 
 // One argument, type-erased for the length of a call.
 struct FormatArgument {

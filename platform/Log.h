@@ -50,10 +50,10 @@ void setLogSink(std::function<void(const LogLine&)> sink, LogLevel least = LogLe
 
 }  // namespace platform
 
-#define VK_LOG(logger, level, ...)                                                     \
-  do {                                                                                 \
-    const ::platform::Logger& vkLogger = (logger);                                     \
-    if (vkLogger.enabled(::platform::LogLevel::level)) [[unlikely]] {                  \
-      vkLogger.write(::platform::LogLevel::level, __VA_ARGS__);                        \
-    }                                                                                  \
+#define VK_LOG(logger, level, ...)                                    \
+  do {                                                                \
+    const ::platform::Logger& vkLogger = (logger);                    \
+    if (vkLogger.enabled(::platform::LogLevel::level)) [[unlikely]] { \
+      vkLogger.write(::platform::LogLevel::level, __VA_ARGS__);       \
+    }                                                                 \
   } while (false)

@@ -20,7 +20,7 @@
 namespace platform {
 
 // Bounds of what is decoded: each level is a stack frame, each element some 64 bytes of memory.
-inline constexpr std::size_t kMessageMaxDepth = 64;
+inline constexpr std::size_t kMessageMaxDepth = 32;
 inline constexpr std::size_t kMessageMaxElements = std::size_t{1} << 20;
 
 // Events of a connection that are not messages of the peer.
@@ -34,7 +34,17 @@ enum class ConnectionError : std::uint8_t {
 class Message {
  public:
   enum class Kind : std::uint8_t {
-    Nothing, Boolean, Integer, Unsigned, String, Data, UUID, Array, Dictionary, Plist, Error
+    Nothing,
+    Boolean,
+    Integer,
+    Unsigned,
+    String,
+    Data,
+    UUID,
+    Array,
+    Dictionary,
+    Plist,
+    Error
   };
   using Array = std::vector<Message>;
   using Dictionary = std::vector<std::pair<std::string, Message>>;  // by ascending key
@@ -47,20 +57,22 @@ class Message {
   };
 
   Message() = default;
-  Message(bool value) : value_(value) {}                                // NOLINT(google-explicit-constructor)
-  Message(std::int64_t value) : value_(value) {}                        // NOLINT
-  Message(int value) : value_(static_cast<std::int64_t>(value)) {}      // NOLINT
-  Message(std::uint64_t value) : value_(value) {}                       // NOLINT
+  Message(bool value) : value_(value) {}                                  // NOLINT(google-explicit-constructor)
+  Message(std::int64_t value) : value_(value) {}                          // NOLINT
+  Message(int value) : value_(static_cast<std::int64_t>(value)) {}        // NOLINT
+  Message(std::uint64_t value) : value_(value) {}                         // NOLINT
   Message(unsigned value) : value_(static_cast<std::uint64_t>(value)) {}  // NOLINT
-  Message(std::string value) : value_(std::move(value)) {}              // NOLINT
-  Message(std::string_view value) : value_(std::string(value)) {}       // NOLINT
-  Message(const char* value) : value_(std::string(value)) {}            // NOLINT
-  Message(const platform::UUID& value) : value_(value) {}               // NOLINT
-  Message(Array value) : value_(std::move(value)) {}                    // NOLINT
-  Message(Rope encodedPlist) : value_(std::move(encodedPlist)) {}       // NOLINT
+  Message(std::string value) : value_(std::move(value)) {}                // NOLINT
+  Message(std::string_view value) : value_(std::string(value)) {}         // NOLINT
+  Message(const char* value) : value_(std::string(value)) {}              // NOLINT
+  Message(const platform::UUID& value) : value_(value) {}                 // NOLINT
+  Message(Array value) : value_(std::move(value)) {}                      // NOLINT
+  Message(Rope encodedPlist) : value_(std::move(encodedPlist)) {}         // NOLINT
   static Message data(std::string_view bytes) { return Message(Value(Bytes{std::string(bytes)})); }
   static Message dictionary() { return Message(Value(Dictionary())); }
   static Message array() { return Message(Value(Array())); }
+  // The entries must stand by ascending key, each key once.
+  static Message fromEntries(Dictionary entries) { return Message(Value(std::move(entries))); }
   static Message error(ConnectionError error, std::string text) {
     return Message(Value(ErrorEvent{error, std::move(text)}));
   }
@@ -110,8 +122,8 @@ class Message {
   }
 
  private:
-  using Value = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string, Bytes, platform::UUID, Array,
-                             Dictionary, Rope, ErrorEvent>;
+  using Value = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, std::string, Bytes, platform::UUID,
+                             Array, Dictionary, Rope, ErrorEvent>;
   explicit Message(Value value) : value_(std::move(value)) {}
 
   Value value_;

@@ -75,8 +75,8 @@ class MessageService {
  public:
   virtual ~MessageService() = default;
   // Null when the name is in use by a living daemon or cannot be a name; *reason says which.
-  virtual std::shared_ptr<MessageListener> listen(std::string_view serviceName, std::shared_ptr<WorkQueue> deliveryQueue,
-                                                  std::string* reason) = 0;
+  virtual std::shared_ptr<MessageListener> listen(std::string_view serviceName,
+                                                  std::shared_ptr<WorkQueue> deliveryQueue, std::string* reason) = 0;
   // A client's connection; made at once, connected at the first send. Its events arrive on `deliveryQueue`. When the
   // daemon goes away pending requests get ConnectionError::Interrupted and the next send connects anew.
   virtual std::shared_ptr<MessageConnection> connect(std::string_view serviceName,

@@ -4,7 +4,7 @@
 //   value      = 'F' | 'T'                         false, true
 //              | 'i' int64 | 'u' uint64            integer; 'u' only above the largest int64
 //              | 'r' double | 'd' double           real; date in seconds since 1970 UTC
-//              | 's' u32 length, bytes             string, UTF-8
+//              | 's' u32 length, bytes             string, UTF-8 (not checked)
 //              | 'b' u32 length, bytes             data
 //              | 'a' u32 size, u32 count, values   array; size counts the bytes behind the size field
 //              | 'm' u32 size, u32 count, entries  dictionary; the same
@@ -56,9 +56,9 @@ class PlistEncoder {
   Rope take();
 
  private:
+  void container(const PlistValue& value);
   void flush();
-  std::string own_;
-  std::size_t flushed_ = 0;
+  std::string own_;  // what is not yet in the rope
   Rope rope_;
 };
 

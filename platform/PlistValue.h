@@ -23,18 +23,21 @@
 
 namespace platform {
 
+struct DomainError;
+
 // No value is nested deeper: writers, comparison and destruction recurse, and a thread's stack is finite.
 inline constexpr std::size_t kPlistMaxDepth = 128;
-// What readers accept from files and messages; the rest up to kPlistMaxDepth is room to wrap what was read.
+// What readers accept of a file.
 inline constexpr std::size_t kPlistMaxInputDepth = 64;
+// What is accepted of a property list inside a message: forms wrap manifests. With the levels of the message around it
+// there is still room below kPlistMaxDepth to store what came in.
+inline constexpr std::size_t kPlistMaxMessageDepth = 80;
 // No value is larger when written out: parts that share each other could grow without end.
 inline constexpr std::uint64_t kPlistMaxBytes = std::uint64_t{256} << 20;
 
 class PlistValue {
  public:
-  enum class Kind : std::uint8_t {
-    Nothing, Boolean, Integer, Real, Date, String, Data, Array, Dictionary
-  };
+  enum class Kind : std::uint8_t { Nothing, Boolean, Integer, Real, Date, String, Data, Array, Dictionary };
   struct Entry;
   class Elements;
   class Entries;
@@ -42,11 +45,11 @@ class PlistValue {
   PlistValue() noexcept = default;
   PlistValue(bool value) noexcept;  // NOLINT(google-explicit-constructor): values are written as literals
   template <std::integral Int>
-    requires(!std::same_as<Int, bool> && !std::same_as<Int, char>)
-  PlistValue(Int value) noexcept  // NOLINT(google-explicit-constructor)
+  requires(!std::same_as<Int, bool> && !std::same_as<Int, char>) PlistValue(Int value)
+  noexcept  // NOLINT(google-explicit-constructor)
       : PlistValue(static_cast<std::uint64_t>(value), std::unsigned_integral<Int>) {}
-  PlistValue(double value) noexcept;            // NOLINT(google-explicit-constructor)
-  PlistValue(std::string_view value);           // NOLINT(google-explicit-constructor)
+  PlistValue(double value) noexcept;                                             // NOLINT(google-explicit-constructor)
+  PlistValue(std::string_view value);                                            // NOLINT(google-explicit-constructor)
   PlistValue(const std::string& value) : PlistValue(std::string_view(value)) {}  // NOLINT
   PlistValue(const char* value) : PlistValue(std::string_view(value)) {}         // NOLINT
   static PlistValue date(double secondsSince1970) noexcept;
@@ -131,10 +134,10 @@ class PlistValue {
   void swap(PlistValue& other) noexcept;
 
   Kind kind_ = Kind::Nothing;
-  bool encoded_ = false;       // a container that is a range of encoding
-  bool large_ = false;         // an integer that needs the 64th bit
+  bool encoded_ = false;  // a container that is a range of encoding
+  bool large_ = false;    // an integer that needs the 64th bit
   std::uint8_t depth_ = 0;
-  std::uint32_t length_ = 0;   // bytes of a string, of data, of an encoded container with its head
+  std::uint32_t length_ = 0;  // bytes of a string, of data, of an encoded container with its head
   union {
     bool boolean_;
     std::int64_t integer_;
@@ -185,10 +188,17 @@ class PlistCursor {
   const PlistValue& value() const { return value_; }
 
  private:
+  friend class PlistValue;
+  friend PlistValue decodePlist(const SharedSlice&, DomainError*, std::size_t);
+  friend PlistValue compactPlist(const PlistValue&);
+  // The value that starts at a place of the container's encoding.
+  static PlistValue valueAt(const PlistValue& container, const char* at);
+  // The value that checked bytes encode, with the depth that was met.
+  static PlistValue valueOf(const SharedSlice& bytes, std::size_t depth);
   void load();
   const PlistValue* container_ = nullptr;
   std::size_t remaining_ = 0;
-  std::size_t index_ = 0;         // in a tree
+  std::size_t index_ = 0;           // in a tree
   const char* position_ = nullptr;  // in an encoding: behind the current value
   std::string_view key_;
   PlistValue value_;
@@ -204,7 +214,10 @@ class PlistValue::Elements {
     explicit Iterator(const PlistValue& container) : cursor_(container) {}
     const PlistValue& operator*() const { return cursor_.value(); }
     const PlistValue* operator->() const { return &cursor_.value(); }
-    Iterator& operator++() { cursor_.next(); return *this; }
+    Iterator& operator++() {
+      cursor_.next();
+      return *this;
+    }
     void operator++(int) { cursor_.next(); }
     friend bool operator==(const Iterator& a, std::default_sentinel_t) { return a.cursor_.atEnd(); }
 
@@ -228,7 +241,10 @@ class PlistValue::Entries {
     Iterator() = default;
     explicit Iterator(const PlistValue& container) : cursor_(container) {}
     Entry operator*() const { return Entry{cursor_.key(), cursor_.value()}; }
-    Iterator& operator++() { cursor_.next(); return *this; }
+    Iterator& operator++() {
+      cursor_.next();
+      return *this;
+    }
     void operator++(int) { cursor_.next(); }
     friend bool operator==(const Iterator& a, std::default_sentinel_t) { return a.cursor_.atEnd(); }
 

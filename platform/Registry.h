@@ -42,16 +42,16 @@ class RegistryPlugInRecord {
 
   virtual ~RegistryPlugInRecord() = default;
   virtual std::optional<FileURL> bundleURL() const = 0;
-  virtual std::string plugInIdentifier() const = 0;     // empty when it has none
+  virtual std::string plugInIdentifier() const = 0;  // empty when it has none
   virtual std::string originalIdentifier() const = 0;
   virtual std::string bundleIdentifier() const = 0;
   virtual std::string bundleVersion() const = 0;
   virtual std::optional<UUID> plugInUUID() const = 0;
-  virtual PlistValue plugInDictionary() const = 0;      // the plug-in section, attributes completed
-  virtual PlistValue entitlements() const = 0;          // dictionary or nothing
-  virtual PlistValue infoDictionary() const = 0;        // the whole manifest
+  virtual PlistValue plugInDictionary() const = 0;  // the plug-in section, attributes completed
+  virtual PlistValue entitlements() const = 0;      // dictionary or nothing
+  virtual PlistValue infoDictionary() const = 0;    // the whole manifest
   virtual PlistValue objectForKey(std::string_view key, Scope scope) const = 0;
-  virtual double registrationDate() const = 0;          // seconds since 1970
+  virtual double registrationDate() const = 0;  // seconds since 1970
   virtual bool onSystemPartition() const = 0;
   virtual std::shared_ptr<RegistryBundleRecord> containingBundle() const = 0;
   virtual std::optional<std::string> localizedName() const = 0;

@@ -17,8 +17,8 @@ class TypeConformance {
 class ActivationRuleEvaluator {
  public:
   virtual ~ActivationRuleEvaluator() = default;
-  // Whether the plug-in's rule (boolean, predicate string or dictionary) accepts the items a host describes. A rule that
-  // cannot be understood accepts nothing.
+  // Whether the plug-in's rule (boolean, predicate string or dictionary) accepts the items a host describes. A rule
+  // that cannot be understood accepts nothing.
   virtual bool evaluate(const PlistValue& rule, const PlistValue& itemsDescription) = 0;
 };
 

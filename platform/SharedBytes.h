@@ -1,4 +1,5 @@
-// Immutable bytes with shared ownership, and a slice of them. Manifests, forms and messages are handed around as slices.
+// Immutable bytes with shared ownership, and a slice of them. Manifests, forms and messages are handed around as
+// slices.
 #pragma once
 
 #include <atomic>

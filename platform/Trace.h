@@ -1,5 +1,5 @@
-// Static trace probes of provider `vkd`. Each is a single no-op while nobody traces; a probe whose argument must be built
-// has an enabled() test.
+// Static trace probes of provider `vkd`. Each is a single no-op while nobody traces; a probe whose argument must be
+// built has an enabled() test.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,9 @@
 // A serial queue: work items run one at a time, in the order in which they were handed in.
 //
-// async() runs its item later; sync() runs it on the caller's thread, at once when the queue is free, else when its turn
-// has come. A queue that is only entered synchronously costs no thread. Entering a queue from itself, entering another
-// one from a leaf, and assertCurrent() elsewhere are programming errors: they say which queue and stop the process.
+// async() runs its item later; sync() runs it on the caller's thread, at once when the queue is free, else when its
+// turn has come. A queue that is only entered synchronously costs no thread. Entering a queue from itself, entering
+// another one from a leaf, and assertCurrent() elsewhere are programming errors: they say which queue and stop the
+// process.
 #pragma once
 
 #include <functional>
@@ -36,10 +37,12 @@ class WorkQueue {
         std::remove_reference_t<Item>* item;
         std::optional<Result> result;
       } frame{&item, std::nullopt};
-      enter([](void* context) {
-        auto* f = static_cast<Frame*>(context);
-        f->result.emplace((*f->item)());
-      }, &frame);
+      enter(
+          [](void* context) {
+            auto* f = static_cast<Frame*>(context);
+            f->result.emplace((*f->item)());
+          },
+          &frame);
       return std::move(*frame.result);
     }
   }

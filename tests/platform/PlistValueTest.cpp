@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "platform/PlistEncoding.h"
+
+using namespace platform;
+
+namespace {
+
+PlistValue sample() {
+  return PlistBuilder()
+      .set("array", PlistValue::array({1, -2, 2.5, "x", true}))
+      .set("data", PlistValue::data(std::string_view("\0\xFF", 2)))
+      .set("date", PlistValue::date(-1.5))
+      .set("empty", PlistBuilder().take())
+      .set("large", std::uint64_t{1} << 63)
+      .set("nested", PlistBuilder().set("a", PlistBuilder().set("b", "c").take()).take())
+      .take();
+}
+
+PlistValue nested(std::size_t depth) {
+  PlistValue value = 1;
+  for (std::size_t i = 0; i < depth; ++i) value = PlistValue::array({value});
+  return value;
+}
+
+}  // namespace
+
+TEST(PlistValue, ChangingALevelLeavesTheOriginalAndSharesTheRest) {
+  PlistValue original = sample();
+  PlistValue changed = PlistBuilder(original).set("date", 7).remove("array").take();
+  EXPECT_EQ(original, sample());
+  EXPECT_EQ(changed["date"], PlistValue(7));
+  EXPECT_FALSE(changed.contains("array"));
+  EXPECT_EQ(changed["nested"]["a"]["b"].stringValue().data(), original["nested"]["a"]["b"].stringValue().data());
+}
+
+TEST(PlistValue, NumbersCompareAcrossTheirKindsAndTextsWithNothingElse) {
+  EXPECT_EQ(PlistValue(true), PlistValue(1));
+  EXPECT_EQ(PlistValue(1), PlistValue(1.0));
+  EXPECT_EQ(PlistValue(0), PlistValue(false));
+  EXPECT_NE(PlistValue("1"), PlistValue(1));
+  EXPECT_NE(PlistValue(-1), PlistValue(~std::uint64_t{0}));
+  EXPECT_NE(PlistValue(INT64_MAX), PlistValue(INT64_MAX - 1));
+  EXPECT_NE(PlistValue::data("a"), PlistValue("a"));
+  EXPECT_NE(PlistValue::date(0), PlistValue(0));
+  EXPECT_TRUE(PlistValue(0.0).equals(false));
+  EXPECT_FALSE(PlistValue("").equals(false));
+}
+
+TEST(PlistValue, LookupsOfAnotherKindAnswerNothing) {
+  PlistValue value = sample();
+  EXPECT_FALSE(value["array"]["key"]);
+  EXPECT_FALSE(value.at(0));
+  EXPECT_FALSE(value["array"].at(5));
+  EXPECT_EQ(value["array"].intValue(), 0);
+  EXPECT_TRUE(value["large"].isLargeUnsigned());
+  EXPECT_EQ(value["large"].intValue(), INT64_MAX);
+  EXPECT_EQ(PlistValue(-3.9).intValue(), -3);
+  EXPECT_EQ(PlistValue(1e300).intValue(), INT64_MAX);
+}
+
+TEST(PlistValue, DictionariesSortAndTheLastOfEqualKeysCounts) {
+  PlistValue value = PlistValue::dictionary({{"b", 1}, {"a", 2}, {"b", 3}, {"c", PlistValue()}});
+  std::string keys;
+  for (auto [key, element] : value.entries()) keys += key;
+  EXPECT_EQ(keys, "ab");
+  EXPECT_EQ(value["b"], PlistValue(3));
+}
+
+TEST(PlistValue, GrowthWithoutEndIsRefused) {
+  EXPECT_NO_THROW(nested(kPlistMaxDepth));
+  EXPECT_THROW(nested(kPlistMaxDepth + 1), std::length_error);
+  PlistValue shared = PlistValue(std::string(1000, 'x'));
+  auto doubleIt = [&] { shared = PlistValue::array({shared, shared}); };
+  EXPECT_THROW(for (int i = 0; i < 64; ++i) doubleIt(), std::length_error);
+}
+
+TEST(PlistEncoding, AnEncodedValueIsEqualAndEncodesToTheSameBytes) {
+  PlistValue tree = sample();
+  SharedSlice bytes = encodePlist(tree).flat();
+  EXPECT_EQ(bytes.size(), tree.encodedSize());
+  PlistValue encoded = decodePlist(bytes);
+  EXPECT_EQ(encoded, tree);
+  EXPECT_EQ(encoded.description(), tree.description());
+  EXPECT_EQ(encodePlist(encoded).flat().view(), bytes.view());
+  PlistValue mixed = PlistBuilder(encoded["nested"]).set("more", encoded).take();
+  EXPECT_EQ(encodePlist(mixed).flat().size(), mixed.encodedSize());
+  EXPECT_EQ(decodePlist(encodePlist(mixed).flat())["more"]["array"].at(3), PlistValue("x"));
+}
+
+TEST(PlistEncoding, LargeEncodedPartsAreReferredToNotCopied) {
+  PlistValue large = compactPlist(PlistValue::array({std::string(5000, 'x')}));
+  Rope rope = encodePlist(PlistBuilder().set("a", large).set("b", 1).take());
+  ASSERT_EQ(rope.pieces().size(), 3u);
+  EXPECT_EQ(rope.pieces()[1].view().data(), large.encoded().view().data());
+}
+
+TEST(PlistEncoding, EveryCutAndEveryWrongLengthIsAnError) {
+  std::string bytes(encodePlist(sample()).flat().view());
+  for (std::size_t size = 0; size < bytes.size(); ++size) {
+    DomainError error;
+    EXPECT_FALSE(decodePlist(SharedSlice::take(bytes.substr(0, size)), &error)) << size;
+    EXPECT_LE(static_cast<std::size_t>(error.code), size);
+  }
+  EXPECT_FALSE(decodePlist(SharedSlice::take(bytes + "T")));
+  std::string longer = bytes;
+  longer[1] = static_cast<char>(longer[1] + 1);
+  EXPECT_FALSE(decodePlist(SharedSlice::take(longer)));
+}
+
+TEST(PlistEncoding, WrongOrderDepthAndKindsAreErrors) {
+  using namespace std::string_literals;
+  std::string twice = "m\x10\0\0\0\2\0\0\0\1\0\0\0bT\1\0\0\0aT"s;
+  EXPECT_FALSE(decodePlist(SharedSlice::take(twice)));
+  std::swap(twice[13], twice[19]);
+  EXPECT_TRUE(decodePlist(SharedSlice::take(twice)));
+  EXPECT_FALSE(decodePlist(SharedSlice::take("u\1\0\0\0\0\0\0\0"s)));
+  EXPECT_FALSE(decodePlist(SharedSlice::take("q"s)));
+  SharedSlice deep = encodePlist(nested(70)).flat();
+  EXPECT_FALSE(decodePlist(deep));
+  EXPECT_TRUE(decodePlist(deep, nullptr, 70));
+}
