@@ -9,7 +9,8 @@
 namespace platform {
 
 struct DomainError {
-  // A constant with static storage: two errors are of one domain when they point at the same constant.
+  // A text with one address in the whole process, so a named array: two errors are of one domain when they point at the
+  // same text, and what a literal points at may differ from file to file.
   std::string_view domain;
   std::int64_t code = 0;
   std::optional<std::string> description;
@@ -20,10 +21,12 @@ struct DomainError {
 };
 
 // Errors of reading and writing files. The code is the system's error number, except for a file that is not there.
-inline constexpr std::string_view FileErrorDomain = "File";
+inline constexpr char FileErrorDomainText[] = "File";
+inline constexpr std::string_view FileErrorDomain{FileErrorDomainText};
 inline constexpr std::int64_t FileErrorNoSuchFile = 260;
 
 // Errors of the property-list readers; the code is the byte offset at which reading stopped.
-inline constexpr std::string_view PlistErrorDomain = "PropertyList";
+inline constexpr char PlistErrorDomainText[] = "PropertyList";
+inline constexpr std::string_view PlistErrorDomain{PlistErrorDomainText};
 
 }  // namespace platform

@@ -26,6 +26,7 @@ namespace platform {
 
 // How an object prints as %@. Overloads for further types are found beside the type.
 inline void describeTo(std::string& out, std::string_view value) { out += value; }
+inline void describeTo(std::string& out, const std::string& value) { out += value; }
 inline void describeTo(std::string& out, const FileURL& value) { out += value.path; }
 inline void describeTo(std::string& out, const UUID& value) { out += value.text(); }
 inline void describeTo(std::string& out, const DomainError& value) { out += value.localizedDescription(); }
