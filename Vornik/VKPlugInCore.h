@@ -51,7 +51,7 @@ class VKPlugInCore {
                                                                          const PlistValue& bundleInfo,
                                                                          const PlistValue& info,
                                                                          const std::optional<UUID>& uuid);
-  // A record rebuilt from a plug-in form.
+  // A record rebuilt from a plug-in form. It shares the form's memory, and a form that of the reply it came in.
   static std::shared_ptr<VKPlugInCore> initWithForm(const PlistValue& form);
 
   virtual ~VKPlugInCore() = default;
@@ -189,6 +189,7 @@ class VKPlugInCore {
   void setBundleInfoDictionary(PlistValue manifest) { replace(bundleInfoDictionary_, std::move(manifest)); }
 
  private:
+  PlistValue rootObjectUnless(PlistValue declared) const;
   PlistValue read(const PlistValue& property) const;
   void replace(PlistValue& property, PlistValue value);
   std::optional<std::string> readString(const PlistValue& property) const;
