@@ -1,0 +1,62 @@
+// The plug-in form in its message encoding, kept so that a discovery reply is put together without encoding or copying
+// what did not change: manifest and plug-in section are referred to where the registry's record has them, and the four
+// entries that differ from request to request are put in their sorted places.
+//
+//   own bytes:  …bundleInfo=…  | containingPath…entitlements= |  | hubProtocolVersion…info= | …original-identifier |
+//   path… referred:                 ^manifest                       ^entitlements                ^section added:
+//   ^annotations                                    ^extensions                             ^overrider, -ing
+//
+// Immutable once made, so safe from any thread; made and owned by the VKDPlugIn it describes.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/PlistEncoding.h"
+#include "platform/PlistValue.h"
+
+namespace vkd {
+
+class PlugInForm {
+ public:
+  // What a request adds to a form.
+  struct Additions {
+    platform::PlistValue annotations;  // nothing: an empty dictionary
+    platform::PlistValue extensions;   // resource tokens; nothing: none
+    std::string_view overrider;        // UUID text of the plug-in that replaces this one; empty: none
+    std::string_view overriding;       // identifier of the plug-in that this one replaces; empty: none
+  };
+
+  // `form` is an exported form; entries that a request adds are left aside.
+  explicit PlugInForm(const platform::PlistValue& form);
+
+  std::string_view identifier() const { return identifier_; }
+  std::string_view version() const { return version_; }
+  std::string_view uuid() const { return uuid_; }
+  bool systemResident() const { return systemResident_; }
+  std::int64_t lastModified() const { return lastModified_; }
+
+  // Bytes of the whole form with these additions.
+  std::uint64_t encodedSize(const Additions& additions) const;
+  void append(platform::PlistEncoder& encoder, const Additions& additions) const;
+
+ private:
+  // Between the entries that a request adds.
+  enum Section : std::size_t { BeforeExtensions, BeforeOverrides, AfterOverrides, SectionCount };
+
+  void appendSection(platform::PlistEncoder& encoder, Section section) const;
+
+  std::vector<platform::SharedSlice> pieces_;       // of all sections, in order
+  std::array<std::uint32_t, SectionCount> ends_{};  // of each section in pieces_
+  std::uint32_t count_ = 0;                         // entries in the pieces
+  std::uint64_t size_ = 0;                          // and their bytes
+  std::string_view identifier_, version_, uuid_;    // in the pieces
+  bool systemResident_ = false;
+  std::int64_t lastModified_ = 0;
+};
+
+}  // namespace vkd
