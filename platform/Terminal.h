@@ -1,0 +1,20 @@
+// What a command-line program asks about the process it runs in.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+enum class StandardStream { Input = 0, Output = 1, Error = 2 };
+
+bool isTerminal(StandardStream stream);
+std::int32_t currentProcess();
+// The text of a system error number.
+std::string systemErrorText(int number);
+// The directory that stands for `/` of the device, as a host path without links and without a trailing slash; empty
+// when the device is the machine itself. Only tools ask: they take host paths from a person and name device paths.
+std::string deviceRootOfHost();
+
+}  // namespace platform
