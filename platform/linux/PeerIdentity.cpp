@@ -36,9 +36,11 @@ UniqueFd peerProcess(int socket, pid_t pid) {
 
 std::string executableLink(pid_t pid) { return "/proc/" + std::to_string(pid) + "/exe"; }
 
-std::optional<PeerIdentity::Executable> executableAt(const char* path) {
+// The file at a path, or behind a descriptor when the path is empty.
+std::optional<PeerIdentity::Executable> executableAt(const char* path, int descriptor = AT_FDCWD) {
   struct statx found {};
-  if (::statx(AT_FDCWD, path, AT_STATX_DONT_SYNC, STATX_INO | STATX_BTIME, &found) != 0) return std::nullopt;
+  constexpr int kFlags = AT_STATX_DONT_SYNC | AT_EMPTY_PATH;
+  if (::statx(descriptor, path, kFlags, STATX_INO | STATX_BTIME, &found) != 0) return std::nullopt;
   PeerIdentity::Executable result;
   result.device = (std::uint64_t{found.stx_dev_major} << 32) | found.stx_dev_minor;
   result.inode = found.stx_ino;
@@ -78,6 +80,10 @@ PeerIdentity::PeerIdentity(pid_t pid, uid_t uid, gid_t gid, UniqueFd process)
   // The kernel's text may name a file that was replaced, or carry a " (deleted)" of its own.
   if (length > 0 && executableAt(target.data()) == file)
     executablePath_.assign(target.data(), static_cast<std::size_t>(length));
+}
+
+PeerIdentity::Executable PeerIdentity::executableBehind(int descriptor) {
+  return executableAt("", descriptor).value_or(Executable());
 }
 
 bool PeerIdentity::hasExited() const {

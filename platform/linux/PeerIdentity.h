@@ -47,6 +47,8 @@ class PeerIdentity final : public AuditToken {
   const std::string& executablePath() const { return executablePath_; }
   // Device and inode 0 when unknown. Whoever opens executablePath() compares this to know that it is the same file.
   const Executable& executable() const { return executable_; }
+  // Which file an open descriptor stands for; inode 0 when unknown.
+  static Executable executableBehind(int descriptor);
 
   // Whether the process that connected still runs, still executes the same file, and sent everything that came. Ask
   // after the right was looked up, so that the answer covers the look-up.
