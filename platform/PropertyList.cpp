@@ -1,0 +1,21 @@
+#include "platform/PropertyList.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/PropertyListReaders.h"
+
+namespace platform {
+
+PlistValue noPropertyList(DomainError* error, std::size_t offset, std::string text) {
+  if (error != nullptr) *error = {PlistErrorDomain, static_cast<std::int64_t>(offset), std::move(text)};
+  return {};
+}
+
+PlistValue parsePropertyList(std::string_view bytes, DomainError* error, std::size_t maxDepth) {
+  maxDepth = std::min(maxDepth, kPlistMaxDepth);
+  if (bytes.starts_with("bplist")) return readBinaryPropertyList(bytes, maxDepth, error);
+  return readXMLPropertyList(bytes, maxDepth, error);
+}
+
+}  // namespace platform
