@@ -19,6 +19,9 @@ class CodeSigningTask {
   // The value of the named entitlement, nothing when the process has none. *error is set when its entitlements could
   // not be read or the process is no longer the one that connected; nothing is answered then. From any thread.
   virtual PlistValue entitlement(std::string_view name, std::optional<DomainError>* error) = 0;
+  // All of them as one dictionary, nothing when there are none; the check of the process is made once. For whoever asks
+  // the same process about thousands of plug-ins in one request: whatever is asked of the result is not checked again.
+  virtual PlistValue entitlements(std::optional<DomainError>* error) = 0;
 };
 
 class CodeSigning {

@@ -1,0 +1,103 @@
+#include "platform/linux/LinuxFileSystem.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "platform/linux/Files.h"
+
+namespace platform {
+namespace {
+
+constexpr mode_t kNewFileMode = 0644;
+constexpr int kDirectory = O_RDONLY | O_DIRECTORY;
+
+// A file by the open directory that holds it, so that both are the same from one step to the next.
+struct Place {
+  UniqueFd directory;
+  std::string name;
+};
+
+std::optional<Place> placeOf(const DeviceRoot& root, std::string_view path) {
+  std::size_t slash = path.rfind('/');
+  std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+  if (slash == std::string_view::npos || !isSafeComponent(name)) {
+    errno = EINVAL;
+    return std::nullopt;
+  }
+  Place place{root.open(path.substr(0, slash + 1), kDirectory), std::string(name)};
+  if (!place.directory) return std::nullopt;
+  return place;
+}
+
+bool failed(DomainError* error, const FileURL& url) {
+  int number = errno;
+  if (error != nullptr) *error = fileError(url.path, number);
+  return false;
+}
+
+mode_t modeFor(const Place& place) {
+  struct stat old {};
+  int found = ::fstatat(place.directory.get(), place.name.c_str(), &old, AT_SYMLINK_NOFOLLOW);
+  return found == 0 && S_ISREG(old.st_mode) ? old.st_mode & 0777 : kNewFileMode;
+}
+
+bool renameUnlessThere(const Place& from, const Place& to) {
+  if (::renameat2(from.directory.get(), from.name.c_str(), to.directory.get(), to.name.c_str(), RENAME_NOREPLACE) ==
+      0) {
+    return true;
+  }
+  if (errno != EINVAL && errno != ENOSYS) return false;
+  // A file system that cannot refuse to replace: a second name refuses too.
+  return ::linkat(from.directory.get(), from.name.c_str(), to.directory.get(), to.name.c_str(), 0) == 0 &&
+         ::unlinkat(from.directory.get(), from.name.c_str(), 0) == 0;
+}
+
+std::int64_t nanoseconds(const timespec& time) { return time.tv_sec * 1'000'000'000 + time.tv_nsec; }
+
+}  // namespace
+
+std::optional<std::string> LinuxFileSystem::readFile(const FileURL& url, DomainError* error, std::uint64_t limit) {
+  UniqueFd file = root_->openRegularFile(url.path);
+  std::optional<std::string> bytes = file ? readAll(file.get(), limit) : std::nullopt;
+  if (!bytes) failed(error, url);
+  return bytes;
+}
+
+bool LinuxFileSystem::writeFileAtomically(const FileURL& url, std::string_view bytes, DomainError* error) {
+  std::optional<Place> place = placeOf(*root_, url.path);
+  if (!place) return failed(error, url);
+  return replaceFile(place->directory.get(), place->name, bytes, modeFor(*place), true) || failed(error, url);
+}
+
+bool LinuxFileSystem::moveFile(const FileURL& from, const FileURL& to, DomainError* error) {
+  std::optional<Place> source = placeOf(*root_, from.path);
+  if (!source) return failed(error, from);
+  std::optional<Place> target = placeOf(*root_, to.path);
+  if (!target || !renameUnlessThere(*source, *target)) return failed(error, to);
+  // The new name first: a power cut in between leaves the file under both names rather than under none.
+  if (::fsync(target->directory.get()) != 0 || ::fsync(source->directory.get()) != 0) return failed(error, to);
+  return true;
+}
+
+bool LinuxFileSystem::createDirectory(const FileURL& url, unsigned permissions, DomainError* error) {
+  return root_->makeDirectories(url.path, permissions, true) || failed(error, url);
+}
+
+std::optional<FileSystem::Stamp> stampOf(const DeviceRoot& root, std::string_view devicePath) {
+  struct stat state {};
+  if (!root.stat(devicePath, &state) || !S_ISREG(state.st_mode)) return std::nullopt;
+  return FileSystem::Stamp{state.st_dev, state.st_ino, static_cast<std::uint64_t>(state.st_size),
+                           nanoseconds(state.st_mtim), nanoseconds(state.st_ctim)};
+}
+
+std::optional<FileSystem::Stamp> LinuxFileSystem::stampOfFile(const FileURL& url) { return stampOf(*root_, url.path); }
+
+bool LinuxFileSystem::exists(const FileURL& url) { return static_cast<bool>(root_->open(url.path, O_PATH)); }
+
+std::optional<std::string> LinuxFileSystem::canonicalPath(std::string_view path) { return root_->canonicalPath(path); }
+
+}  // namespace platform

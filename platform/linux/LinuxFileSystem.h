@@ -1,0 +1,31 @@
+// The device's files: FileSystem served from under the device root. Stateless; safe from any thread.
+#pragma once
+
+#include <memory>
+
+#include "platform/FileSystem.h"
+#include "platform/linux/DeviceRoot.h"
+
+namespace platform {
+
+class LinuxFileSystem final : public FileSystem {
+ public:
+  explicit LinuxFileSystem(std::shared_ptr<const DeviceRoot> root) : root_(std::move(root)) {}
+
+  std::optional<std::string> readFile(const FileURL& url, DomainError* error, std::uint64_t limit) override;
+  // A new file may be read by everybody; one that is replaced keeps its permissions.
+  bool writeFileAtomically(const FileURL& url, std::string_view bytes, DomainError* error) override;
+  bool moveFile(const FileURL& from, const FileURL& to, DomainError* error) override;
+  bool createDirectory(const FileURL& url, unsigned permissions, DomainError* error) override;
+  std::optional<Stamp> stampOfFile(const FileURL& url) override;
+  bool exists(const FileURL& url) override;
+  std::optional<std::string> canonicalPath(std::string_view path) override;
+
+ private:
+  const std::shared_ptr<const DeviceRoot> root_;
+};
+
+// What tells one content of a regular file from another; nothing when there is no regular file.
+std::optional<FileSystem::Stamp> stampOf(const DeviceRoot& root, std::string_view devicePath);
+
+}  // namespace platform
