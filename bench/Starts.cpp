@@ -1,0 +1,71 @@
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+
+#include "bench/DaemonProcess.h"
+#include "bench/Limits.h"
+#include "bench/Roads.h"
+#include "bench/SampleRoot.h"
+#include "bench/WireClient.h"
+
+namespace bench {
+
+namespace {
+
+// Seconds from the start of the daemon to its reply; the daemon has ended afterwards.
+double startTo(const std::string& root, const platform::Message& request) {
+  Stopwatch watch;
+  DaemonProcess daemon(root);
+  WireClient client(root);
+  client.call(request);
+  return watch.seconds();
+}
+
+double emptyProgram() {
+  Stopwatch watch;
+  pid_t pid = spawn({EMPTY_PROGRAM}, "/");
+  ::waitpid(pid, nullptr, 0);
+  return watch.seconds();
+}
+
+void forget(const std::string& root) {
+  std::filesystem::remove_all(root + "/var/db/catalon");
+  std::filesystem::remove_all(root + "/var/containers");
+}
+
+}  // namespace
+
+void measureStarts(Table& table) {
+  std::vector<double> limits;
+  std::vector<double> starts;
+  {
+    SampleRoot root;
+    startTo(root.path(), WireClient::request("bulk"));
+    for (int round = 0; round < 40; ++round) {
+      limits.push_back(emptyProgram());
+      starts.push_back(startTo(root.path(), WireClient::request("bulk")));
+    }
+  }
+  table.add({"start to first reply, empty registry", "an empty C program", median(starts), median(limits), 3.0});
+
+  auto measureMatch = [&](std::size_t count, bool known, int rounds, double target) {
+    SampleRoot root;
+    root.fillTo(count);
+    std::vector<double> reads;
+    std::vector<double> matches;
+    startTo(root.path(), WireClient::request("match"));
+    for (int round = 0; round < rounds; ++round) {
+      if (!known) forget(root.path());
+      reads.push_back(samples(1, [&] { readFiles(root.manifests()); }).front());
+      matches.push_back(startTo(root.path(), WireClient::request("match")));
+    }
+    table.add({"start to full match, " + std::to_string(count) + (known ? " known plug-ins" : " bundles never seen"),
+               "reading their manifests from the page cache", median(matches), median(reads), target});
+  };
+  measureMatch(10'000, true, 5, 4.0);
+  measureMatch(1000, false, 10, 6.0);
+}
+
+}  // namespace bench

@@ -1,0 +1,41 @@
+// A client that speaks the wire protocol on a blocking socket: what a host in any language would do, and nothing more.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Message.h"
+
+namespace bench {
+
+// Writes, reads all of it; a short result ends the benchmark.
+void writeAll(int fd, const void* bytes, std::size_t size);
+void readAll(int fd, void* bytes, std::size_t size);
+
+class WireClient {
+ public:
+  // Connects to the daemon of a device root, waiting for it to appear.
+  explicit WireClient(const std::string& root);
+  ~WireClient();
+  WireClient(const WireClient&) = delete;
+  WireClient& operator=(const WireClient&) = delete;
+
+  // A request's frame, ready to be sent any number of times.
+  static std::string frame(const platform::Message& request);
+  static platform::Message request(std::string_view type);
+
+  void send(std::string_view frame) { writeAll(fd_, frame.data(), frame.size()); }
+  // The payload of the next reply, not looked into.
+  std::string receive();
+  // Reads the next reply into `payload`, whose memory is used again.
+  void receiveInto(std::vector<char>& payload);
+  // One round trip, the reply decoded and checked: ends the benchmark when it tells of an error.
+  platform::Message call(const platform::Message& request);
+
+ private:
+  int fd_;
+};
+
+}  // namespace bench

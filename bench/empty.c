@@ -1,0 +1,2 @@
+/* The limit for starting anything. */
+int main(void) { return 0; }
