@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <ctime>
 #include <utility>
 
 #include "platform/linux/Files.h"
@@ -13,6 +13,8 @@ namespace platform {
 namespace {
 
 constexpr mode_t kNewFileMode = 0644;
+// Time stamps of files advance in ticks of a few milliseconds.
+constexpr std::int64_t kSettlingNanoseconds = 50'000'000;
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY;
 
 // A file by the open directory that holds it, so that both are the same from one step to the next.
@@ -92,6 +94,12 @@ std::optional<FileSystem::Stamp> stampOf(const DeviceRoot& root, std::string_vie
   if (!root.stat(devicePath, &state) || !S_ISREG(state.st_mode)) return std::nullopt;
   return FileSystem::Stamp{state.st_dev, state.st_ino, static_cast<std::uint64_t>(state.st_size),
                            nanoseconds(state.st_mtim), nanoseconds(state.st_ctim)};
+}
+
+bool isSettled(const FileSystem::Stamp& stamp) {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return nanoseconds(now) - stamp.changedNanoseconds > kSettlingNanoseconds;
 }
 
 std::optional<FileSystem::Stamp> LinuxFileSystem::stampOfFile(const FileURL& url) { return stampOf(*root_, url.path); }

@@ -1,0 +1,29 @@
+#include "platform/linux/WatchedPlist.h"
+
+#include "platform/Log.h"
+#include "platform/linux/Files.h"
+#include "platform/linux/LinuxFileSystem.h"
+
+namespace platform {
+
+void WatchedPlist::refresh(const DeviceRoot& root) {
+  std::optional<FileSystem::Stamp> stamp = stampOf(root, path_);
+  if (!stamp) {
+    *this = WatchedPlist(path_);
+    return;
+  }
+  if (stamp == stamp_ && settled_) return;
+  bool knownBad = !good_ && stamp == stamp_;
+  settled_ = isSettled(*stamp);
+  stamp_ = stamp;
+  DomainError error;
+  PlistValue value = readPlistFile(root, path_, &error);
+  good_ = static_cast<bool>(value);
+  if (good_) {
+    value_ = std::move(value);
+  } else if (!knownBad) {
+    VK_LOG(defaultLog(), Error, "unable to read %{public}@ error:%{public}@", path_, error);
+  }
+}
+
+}  // namespace platform
