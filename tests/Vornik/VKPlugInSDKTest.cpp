@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "Vornik/VKPlugInCore.h"
+#include "tests/Support/CapturedLog.h"
+
+namespace Vornik {
+namespace {
+
+using support::CapturedLog;
+
+PlistValue dictionary(std::vector<std::pair<std::string, PlistValue>> entries) {
+  return PlistValue::dictionary(std::move(entries));
+}
+PlistValue array(std::vector<PlistValue> elements) { return PlistValue::array(std::move(elements)); }
+
+class FakeSdks : public ExtensionSdkRegistry {
+ public:
+  Message sdk(std::string_view extensionPoint) override {
+    return extensionPoint == "com.example.sharing" ? Message::fromPlist(definition) : Message();
+  }
+  PlistValue definition;
+};
+
+class VKPlugInSDK : public testing::Test {
+ protected:
+  std::shared_ptr<VKPlugInCore> plugIn(const PlistValue& extensionPoint, PlistBuilder section = {}) {
+    section.set("ZoExtensionPointIdentifier", extensionPoint);
+    return VKPlugInCore::initWithNameUrlBundleInfoInfoUuid("p", FileURL{"/P"},
+                                                           dictionary({{"ZoExtension", section.take()}}), {}, {});
+  }
+  PlistValue merge(const PlistValue& sdk, const PlistValue& own) { return record->mergeDictionaryInto(sdk, own); }
+
+  FakeSdks sdks;
+  CapturedLog log;
+  std::shared_ptr<VKPlugInCore> record = VKPlugInCore::init();
+};
+
+TEST_F(VKPlugInSDK, ThePlugInsOwnValuesWinAtEveryDepth) {
+  EXPECT_EQ(merge(dictionary({{"a", 1}, {"in", dictionary({{"b", 2}, {"c", 3}, {"list", array({1})}})}}),
+                  dictionary({{"x", 0}, {"in", dictionary({{"b", 4}, {"list", array({2})}})}})),
+            dictionary({{"a", 1}, {"x", 0}, {"in", dictionary({{"b", 4}, {"c", 3}, {"list", array({2})}})}}));
+  EXPECT_EQ(merge(dictionary({{"a", dictionary({{"b", 1}})}}), dictionary({{"a", "text"}})),
+            dictionary({{"a", "text"}}));
+}
+
+TEST_F(VKPlugInSDK, TheSDKDecidesTheCleanTimeout) {
+  EXPECT_EQ(merge(dictionary({{"in", dictionary({{"CleanTimeout", 10}})}}),
+                  dictionary({{"in", dictionary({{"CleanTimeout", 30}})}})),
+            dictionary({{"in", dictionary({{"CleanTimeout", 10}})}}));
+  EXPECT_EQ(merge(dictionary({}), dictionary({{"CleanTimeout", 30}})), dictionary({{"CleanTimeout", 30}}));
+}
+
+TEST_F(VKPlugInSDK, SharedResourcesAreUnited) {
+  auto united = [&](const PlistValue& sdk, const PlistValue& own) {
+    std::vector<std::string> paths;
+    PlistValue merged = merge(dictionary({{"Shared", sdk}}), dictionary({{"Shared", own}}))["Shared"];
+    for (const PlistValue& path : merged.elements()) paths.push_back(path.description());
+    std::sort(paths.begin(), paths.end());
+    return testing::PrintToString(paths);
+  };
+  EXPECT_EQ(united(array({"a", "b"}), array({"b", "c", "c"})), united(array({"a", "b", "c"}), array({})));
+  EXPECT_EQ(united(array({"a"}), "b"), united(array({}), array({"a", "b"})));
+  EXPECT_EQ(united(array({1, true, "1"}), array({1.0})), united(array({}), array({1.0, "1"})));
+  EXPECT_EQ(merge(dictionary({{"Shared", "a"}}), dictionary({})), dictionary({{"Shared", "a"}}));
+}
+
+TEST_F(VKPlugInSDK, ResolvingReplacesBothDictionaries) {
+  sdks.definition = dictionary(
+      {{"top", 1}, {"ZoExtension", dictionary({{"ZoExtensionAttributes", dictionary({{"A", 1}, {"B", 2}})}})}});
+  auto resolved = plugIn("com.example.sharing", PlistBuilder().set("ZoExtensionAttributes", dictionary({{"B", 3}})));
+  resolved->resolveSDK(sdks);
+  EXPECT_EQ(resolved->attributes(), dictionary({{"A", 1}, {"B", 3}, {"ZoExtensionVersion", "1"}}));
+  EXPECT_EQ(resolved->infoKey("top"), 1);
+  EXPECT_TRUE(log.lines().empty()) << log;
+}
+
+TEST_F(VKPlugInSDK, WithoutSDKARecordIsOnlyCanonicalized) {
+  auto unregistered = plugIn("com.example.unknown");
+  unregistered->resolveSDK(sdks);
+  EXPECT_EQ(unregistered->version(), "1");
+  EXPECT_TRUE(log.has(LogLevel::Default, "ops", "plug-in sdk \"com.example.unknown\" not registered")) << log;
+  auto pointless = plugIn({});
+  pointless->resolveSDK(sdks);
+  EXPECT_EQ(pointless->version(), "1");
+}
+
+TEST_F(VKPlugInSDK, AMalformedRecordIsLeftAlone) {
+  auto malformed = plugIn(7);
+  malformed->resolveSDK(sdks);
+  EXPECT_FALSE(malformed->attributes());
+  EXPECT_TRUE(log.has(LogLevel::Error, "ops", "invalid SDK key:7")) << log;
+  record->resolveSDK(sdks);
+  EXPECT_FALSE(record->plugInDictionary());
+  EXPECT_TRUE(log.has(LogLevel::Fault, "ops", "cannot resolve SDK without materialized Info.plist")) << log;
+}
+
+}  // namespace
+}  // namespace Vornik
