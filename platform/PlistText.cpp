@@ -67,13 +67,16 @@ std::size_t wideCharacterLength(std::string_view text) {
   return character >= kLeast[length] && isXMLCharacter(character) ? length : 0;
 }
 
-// Whether all of eight bytes are printable ASCII or DEL.
+// Whether eight bytes are ASCII characters of XML. Each sum below stays within its byte, as none has its high bit set.
 bool plainWord(const char* bytes) {
-  constexpr std::uint64_t kHighBits = 0x8080808080808080U;
-  constexpr std::uint64_t kBlanks = 0x2020202020202020U;
+  constexpr std::uint64_t kEach = 0x0101010101010101U;
+  constexpr std::uint64_t kHighBits = kEach * 0x80;
   std::uint64_t word;
   std::memcpy(&word, bytes, sizeof word);
-  return ((word | (word - kBlanks)) & kHighBits) == 0;
+  auto below = [&](std::uint64_t words, std::uint64_t limit) { return ~(words + kEach * (0x80 - limit)) & kHighBits; };
+  auto equal = [&](char c) { return below(word ^ (kEach * static_cast<std::uint8_t>(c)), 1); };
+  if ((word & kHighBits) != 0) return false;
+  return (below(word, 0x20) & ~(equal('\t') | equal('\n') | equal('\r'))) == 0;
 }
 
 }  // namespace

@@ -11,12 +11,15 @@ namespace platform {
 
 // Reads either form, told apart by the first bytes. Answers nothing and an error (PlistErrorDomain, code = byte offset,
 // text with what was wrong there) for bytes that are no property list, or one nested deeper than maxDepth or larger
-// than kPlistMaxBytes. Any document type line is accepted and not looked at.
+// than kPlistMaxBytes. Any document type line is accepted and not looked at. XML is UTF-8; of equal keys the last
+// counts.
 PlistValue parsePropertyList(std::string_view bytes, DomainError* error = nullptr,
                              std::size_t maxDepth = kPlistMaxInputDepth);
 
-// The XML form, without a document type line; reading it gives an equal value. Characters that XML cannot carry
-// cannot be written: nothing is answered (empty string) with an error naming the text.
+// The XML form, without a document type line; reading it gives an equal value, except that a date loses its fraction of
+// a second (what the readers answer has none). Nothing (an empty string) and an error is answered for what XML cannot
+// carry: a string or key that is no UTF-8 or has control characters, named by the error with the offset in it as code,
+// and a date outside the years 1 to 9999. Who reads back what came in by message passes kPlistMaxDepth to the reader.
 std::string serializePropertyListXML(const PlistValue& value, DomainError* error = nullptr);
 
 // The XML of one value without head and <plist>, indented by `level` tabs: for who joins ready parts.

@@ -21,7 +21,14 @@ constexpr std::array<std::pair<std::string_view, char>, 5> kEntities = {
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
-bool endsName(char c) { return isBlank(c) || c == '>' || c == '/' || c == '=' || c == '<' || c == '"' || c == '\''; }
+constexpr std::array<bool, 256> makeNameEnds() {
+  std::array<bool, 256> ends{};
+  for (char c : std::string_view(" \t\r\n>/=<\"'")) ends[static_cast<unsigned char>(c)] = true;
+  return ends;
+}
+constexpr std::array<bool, 256> kNameEnds = makeNameEnds();
+
+bool endsName(char c) { return kNameEnds[static_cast<unsigned char>(c)]; }
 
 std::string lowercase(std::string_view text) {
   std::string lower(text);

@@ -1,0 +1,322 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "platform/PlistEncoding.h"
+#include "platform/PropertyList.h"
+
+using namespace platform;
+
+namespace {
+
+std::string document(std::string_view value) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" + std::string(value) + "\n</plist>\n";
+}
+
+PlistValue parseValue(std::string_view value) { return parsePropertyList(document(value)); }
+
+std::string errorOf(std::string_view bytes, std::int64_t* code = nullptr) {
+  DomainError error;
+  EXPECT_FALSE(parsePropertyList(bytes, &error)) << bytes;
+  EXPECT_TRUE(error.isInDomain(PlistErrorDomain));
+  if (code != nullptr) *code = error.code;
+  return error.localizedDescription();
+}
+
+std::string repeated(std::string_view text, std::size_t times) {
+  std::string result;
+  while (times-- > 0) result += text;
+  return result;
+}
+
+// Kinds and bits, not only property-list equality.
+void expectSame(const PlistValue& a, const PlistValue& b) {
+  ASSERT_TRUE(a && b);
+  EXPECT_EQ(encodePlist(a).flat().view(), encodePlist(b).flat().view());
+}
+
+std::string bigEndian(std::uint64_t value, std::size_t size) {
+  std::string bytes(size, '\0');
+  for (std::size_t i = size; i-- > 0; value >>= 8) bytes[i] = static_cast<char>(value);
+  return bytes;
+}
+
+// A binary property list of objects as they are written, references being one byte; the first is the top one.
+std::string binary(const std::vector<std::string>& objects, std::size_t offsetSize = 2) {
+  std::string bytes = "bplist00";
+  std::string table;
+  for (const std::string& object : objects) {
+    table += bigEndian(bytes.size(), offsetSize);
+    bytes += object;
+  }
+  const std::size_t tableStart = bytes.size();
+  return bytes + table + std::string(6, '\0') + bigEndian(offsetSize, 1) + bigEndian(1, 1) +
+         bigEndian(objects.size(), 8) + bigEndian(0, 8) + bigEndian(tableStart, 8);
+}
+
+using namespace std::string_literals;
+
+}  // namespace
+
+TEST(XMLPropertyList, ReadsEveryType) {
+  const PlistValue value = parseValue(
+      "<dict><key>a</key><array><true/><false></false><integer> -12\n</integer><real>1.5e3</real></array>"
+      "<key>b</key><data> AP\n\t8= </data><key>c</key><date>1970-01-02T00:00:01Z</date>"
+      "<key>d</key><dict/><key>e</key><string/><key>f</key><array></array></dict>");
+  const PlistValue expected = PlistBuilder()
+                                  .set("a", PlistValue::array({true, false, -12, 1500.0}))
+                                  .set("b", PlistValue::data("\0\xFF"s))
+                                  .set("c", PlistValue::date(86401))
+                                  .set("d", PlistBuilder().take())
+                                  .set("e", "")
+                                  .set("f", PlistValue::array({}))
+                                  .take();
+  expectSame(value, expected);
+}
+
+TEST(XMLPropertyList, IntegersReachFromTheLeastSignedToTheLargestUnsigned) {
+  expectSame(parseValue("<integer>-9223372036854775808</integer>"), INT64_MIN);
+  expectSame(parseValue("<integer>9223372036854775808</integer>"), std::uint64_t{1} << 63);
+  expectSame(parseValue("<integer>18446744073709551615</integer>"), UINT64_MAX);
+  expectSame(parseValue("<integer>+0xfF</integer>"), 255);
+  expectSame(parseValue("<integer>-0x10</integer>"), -16);
+  for (const char* text : {"", "-", "0x", "1.0", "1 2", "- 1", "+-1", "18446744073709551616", "-9223372036854775809"}) {
+    EXPECT_FALSE(parseValue("<integer>" + std::string(text) + "</integer>")) << text;
+  }
+}
+
+TEST(XMLPropertyList, DatesOfAllYearsAndNoOthers) {
+  auto date = [](const std::string& text) { return parseValue("<date>" + text + "</date>"); };
+  EXPECT_EQ(date("0001-01-01T00:00:00Z").dateValue(), -62135596800);
+  EXPECT_EQ(date("1969-12-31T23:59:59Z").dateValue(), -1);
+  EXPECT_EQ(date("2024-02-29T12:00:00Z").dateValue(), 1709208000);
+  EXPECT_EQ(date("9999-12-31T23:59:59Z").dateValue(), 253402300799);
+  for (const char* text :
+       {"0000-01-01T00:00:00Z", "2023-02-29T00:00:00Z", "2023-13-01T00:00:00Z", "2023-01-01T24:00:00Z",
+        "2023-01-01T00:60:00Z", "2023-01-01 00:00:00Z", "2023-01-01T00:00:00", "2023-01-01T00:00:0xZ"}) {
+    EXPECT_FALSE(date(text)) << text;
+  }
+}
+
+TEST(XMLPropertyList, TextIsPutTogetherFromItsPieces) {
+  auto text = [](const std::string& xml) {
+    return std::string(parseValue("<string>" + xml + "</string>").stringValue());
+  };
+  EXPECT_EQ(text(" &lt;&gt;&amp;&quot;&apos; "), " <>&\"' ");
+  EXPECT_EQ(text("&#65;&#x20AC;&#x1F600;&#13;\n"), "A€😀\r\n");
+  EXPECT_EQ(text("a<!-- <b> -->b<![CDATA[<&amp;]]>c<?pi ?>d"), "ab<&amp;cd");
+  EXPECT_EQ(text("1\r\n2\r3<![CDATA[\r\n]]>"), "1\n2\n3\n");
+  for (const char* xml :
+       {"&nbsp;", "&#0;", "&#x1F;", "&#xD800;", "&#xFFFE;", "&#x110000;", "&#;", "&amp", "<b/>", "<![CDATA[", "\x01",
+        "\xC0\xAF", "\xED\xA0\x80", "\xEF\xBF\xBF", "\xF4\x90\x80\x80", "\xE2\x82"}) {
+    EXPECT_FALSE(parseValue("<string>" + std::string(xml) + "</string>")) << xml;
+  }
+}
+
+TEST(XMLPropertyList, OfEqualKeysTheLastCounts) {
+  const PlistValue value = parseValue(
+      "<dict><key>b</key><integer>1</integer><key>a</key><dict><key>y</key><true/><key>x</key><true/></dict>"
+      "<key>b</key><string>last</string><key>a&#98;</key><integer>3</integer></dict>");
+  EXPECT_EQ(value.description(), R"({"a": {"x": true, "y": true}, "ab": 3, "b": "last"})");
+  EXPECT_EQ(value["b"].stringValue(), "last");
+}
+
+TEST(XMLPropertyList, WhatSurroundsTheValueIsSkipped) {
+  const std::string body = "<plist><true/></plist>";
+  EXPECT_TRUE(parsePropertyList(body));
+  EXPECT_TRUE(parsePropertyList("\xEF\xBB\xBF<?xml version='1.0' encoding='utf-8'?>" + body));
+  EXPECT_TRUE(parsePropertyList("<!-- a --><?b?><!DOCTYPE plist SYSTEM \"x>y\">\n<!-- c -->" + body + "<!-- d --> \n"));
+  EXPECT_TRUE(parsePropertyList("<!DOCTYPE plist [<!ENTITY a \"]>\"><!-- ' ]> --><?x ]>?>] >" + body));
+  EXPECT_TRUE(parsePropertyList("<plist version = \"1.0\" x='>' >  <!-- e --><true a='b'/ ></plist >") == PlistValue());
+  EXPECT_TRUE(parsePropertyList("<plist version = \"1.0\" x='>' >  <!-- e --><true a='b' /></plist >"));
+}
+
+TEST(XMLPropertyList, WhatIsMalformedIsRefused) {
+  for (const char* bytes : {"",
+                            " ",
+                            "no",
+                            "{ a = b; }",
+                            "<",
+                            "<plist",
+                            "<plist>",
+                            "<plist/>",
+                            "<plist></plist>",
+                            "<plist><true/>",
+                            "<plist><true/></plist>x",
+                            "<plist><true/><true/></plist>",
+                            "<plist><true></plist>",
+                            "<plist><true>1</true></plist>",
+                            "<plist><null/></plist>",
+                            "<true/>",
+                            "</plist>",
+                            "<plist><true a/></plist>",
+                            "<plist><true a=b/></plist>",
+                            "<plist a='1'b='2'><true/></plist>",
+                            "<plist>x<true/></plist>",
+                            "<!DOCTYPE plist [<plist><true/></plist>",
+                            "<!--<plist><true/></plist>",
+                            "<!DOCTYPE a><!DOCTYPE b><plist><true/></plist>",
+                            "<plist><array></dict></plist>",
+                            "<plist><dict><true/></dict></plist>",
+                            "<plist><dict><key>a</key></dict></plist>",
+                            "<plist><data>A</data></plist>",
+                            "<plist><data>AA=A</data></plist>",
+                            "<plist><data>AAA*</data></plist>",
+                            "<plist><real>1,5</real></plist>",
+                            "<plist><real>+-1</real></plist>",
+                            "<plist><real>1e999</real></plist>",
+                            "<plist><real/></plist>",
+                            "<?xml version='1.0' encoding='ISO-8859-1'?><plist><true/></plist>"}) {
+    EXPECT_FALSE(errorOf(bytes).empty()) << bytes;
+  }
+  EXPECT_EQ(errorOf("\xFF\xFE<\0p\0"s), "property list, line 1: UTF-16 is not supported, only UTF-8");
+}
+
+TEST(XMLPropertyList, AnErrorTellsLineAndOffset) {
+  std::int64_t code = 0;
+  EXPECT_EQ(errorOf("<plist>\n<dict>\n<key>a</key><no\x7F/>", &code),
+            "property list, line 3: no value is called \"no\\x7f\"");
+  EXPECT_EQ(code, 27);
+  EXPECT_EQ(errorOf("<plist>\n<string>\xFF</string></plist>", &code),
+            "property list, line 2: not UTF-8, or a character that XML does not allow");
+  EXPECT_EQ(code, 16);
+}
+
+TEST(XMLPropertyList, NestingIsBounded) {
+  auto nested = [](std::size_t depth) { return document(repeated("<array>", depth) + repeated("</array>", depth)); };
+  EXPECT_TRUE(parsePropertyList(nested(kPlistMaxInputDepth)));
+  EXPECT_FALSE(parsePropertyList(nested(kPlistMaxInputDepth + 1)));
+  EXPECT_TRUE(parsePropertyList(nested(kPlistMaxDepth), nullptr, kPlistMaxDepth));
+  EXPECT_FALSE(parsePropertyList(nested(100'000), nullptr, 1'000'000));
+}
+
+TEST(XMLPropertyList, WhatIsWrittenReadsBackTheSame) {
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  std::string bytes;
+  for (int i = 0; i < 1000; ++i) bytes += static_cast<char>(i);
+  const PlistValue value =
+      PlistBuilder()
+          .set("numbers", PlistValue::array({INT64_MIN, UINT64_MAX, 0, 1.0, -0.0, 0.1, 5e-324, 1.7976931348623157e308,
+                                             kInfinity, -kInfinity, std::nan(""), true, false}))
+          .set("a<b&c>", "\r\n\t <&>\"' ]]> \u007F \u0085 €😀")
+          .set("", PlistValue::array({"", PlistValue::data(""), PlistBuilder().take(), PlistValue::array({})}))
+          .set("data", PlistValue::array({PlistValue::data(bytes), PlistValue::data("a"), PlistValue::data("ab")}))
+          .set("dates", PlistValue::array({PlistValue::date(-62135596800), PlistValue::date(-1), PlistValue::date(0)}))
+          .take();
+  const std::string xml = serializePropertyListXML(value);
+  expectSame(parsePropertyList(xml), value);
+  EXPECT_EQ(xml.find("<!DOCTYPE"), std::string::npos);
+}
+
+TEST(XMLPropertyList, ReadyPartsJoinIntoADocument) {
+  std::string out;
+  ASSERT_TRUE(appendPropertyListXML(out, PlistBuilder().set("key", PlistValue::array({1})).take(), 2));
+  EXPECT_EQ(
+      out,
+      "\t\t<dict>\n\t\t\t<key>key</key>\n\t\t\t<array>\n\t\t\t\t<integer>1</integer>\n\t\t\t</array>\n\t\t</dict>\n");
+}
+
+TEST(XMLPropertyList, WhatXMLCannotCarryIsNotWritten) {
+  DomainError error;
+  for (const char* text : {"nul\x01", "\xFF", "\xED\xA0\x80", "\xEF\xBF\xBE", "cut \xE2\x82"}) {
+    EXPECT_EQ(serializePropertyListXML(PlistValue::array({text}), &error), "");
+    EXPECT_EQ(serializePropertyListXML(PlistBuilder().set(text, 1).take(), &error), "");
+  }
+  std::string out = "kept";
+  EXPECT_FALSE(appendPropertyListXML(out, PlistValue::array({"a", "b\x01\"c"}), 0, &error));
+  EXPECT_EQ(out, "kept");
+  EXPECT_EQ(error.localizedDescription(), "XML cannot carry the text \"b\\x01\\x22c\" because of byte 1");
+  for (double seconds : {1e12, -1e12, std::nan("")}) EXPECT_EQ(serializePropertyListXML(PlistValue::date(seconds)), "");
+  EXPECT_EQ(serializePropertyListXML(PlistValue()), "");
+}
+
+TEST(XMLPropertyList, AFractionOfASecondIsCutOffADate) {
+  EXPECT_EQ(parsePropertyList(serializePropertyListXML(PlistValue::date(-0.25))).dateValue(), -1);
+  EXPECT_EQ(parsePropertyList(serializePropertyListXML(PlistValue::date(1.75))).dateValue(), 1);
+}
+
+TEST(BinaryPropertyList, ReadsEveryType) {
+  const std::string bytes =
+      binary({"\xD2\x01\x02\x03\x04"s, "\x51k"s, "\x5F\x10\x01l"s, "\xA7\x05\x06\x07\x08\x09\x0A\x0B"s, "\x42\x00\xFF"s,
+              "\x08"s, "\x09"s, "\x10\xFF"s, "\x13"s + bigEndian(static_cast<std::uint64_t>(-2), 8),
+              "\x14"s + bigEndian(0, 8) + bigEndian(UINT64_MAX, 8), "\x22\x3F\xC0\x00\x00"s,
+              "\x64\x00\x41\x20\xAC\xD8\x3D\xDE\x00"s});
+  const PlistValue expected = PlistBuilder()
+                                  .set("k", PlistValue::array({false, true, 255, -2, UINT64_MAX, 1.5, "A€😀"}))
+                                  .set("l", PlistValue::data("\0\xFF"s))
+                                  .take();
+  expectSame(parsePropertyList(bytes), expected);
+  expectSame(parsePropertyList(binary({"\x33\xC1\xCD\x27\xE4\x40\x00\x00\x00"s})), PlistValue::date(0));
+  expectSame(parsePropertyList(binary({"\xA1\x01"s, "\x14"s + std::string(8, '\xFF') + bigEndian(1ULL << 63, 8)})),
+             PlistValue::array({INT64_MIN}));
+}
+
+TEST(BinaryPropertyList, ObjectsThatPropertyListsLackAreRefused) {
+  for (const std::string& object :
+       {"\x00"s, "\x0F"s, "\x80\x01"s, "\xC1\x00"s, "\xB1\x00"s, "\x70"s, "\xE0"s, "\x15"s + std::string(32, '\0'),
+        "\x14"s + bigEndian(1, 8) + bigEndian(0, 8), "\x21\x00\x00"s, "\x32\x00\x00\x00\x00"s, "\x51\xE9"s,
+        "\x61\xD8\x00"s, "\x62\xDC\x00\xD8\x00"s, "\x33\x7F\xF0\x00\x00\x00\x00\x00\x00"s, "\xD1\x00\x00"s}) {
+    EXPECT_FALSE(errorOf(binary({object})).empty());
+  }
+  EXPECT_FALSE(parsePropertyList(binary({"\xD1\x01\x01"s, "\x09"s})));
+  std::int64_t code = 0;
+  EXPECT_EQ(errorOf(binary({"\xA1\x01"s, "\x80\x01"s}), &code),
+            "binary property list, byte 10: an object of a type that is not supported");
+  EXPECT_EQ(code, 10);
+}
+
+TEST(BinaryPropertyList, NoLengthIsBelieved) {
+  const std::string good = binary({"\xA2\x01\x02"s,
+                                   "\x53"
+                                   "abc"s,
+                                   "\x5F\x10\x02"
+                                   "de"s});
+  ASSERT_TRUE(parsePropertyList(good));
+  // Every cut, and every byte replaced by every extreme, is read or refused without harm.
+  for (std::size_t i = 0; i < good.size(); ++i) {
+    EXPECT_FALSE(parsePropertyList(good.substr(0, i)));
+    for (char c : {'\x00', '\x01', '\x7F', '\x80', '\xFF', '\x5F', '\xAF', '\xDF'}) {
+      std::string bad = good;
+      bad[i] = c;
+      DomainError error;
+      const PlistValue value = parsePropertyList(bad, &error);
+      EXPECT_NE(static_cast<bool>(value), error.description.has_value());
+    }
+  }
+  EXPECT_FALSE(parsePropertyList(binary({"\x5F\x13"s + std::string(8, '\xFF')})));
+  EXPECT_FALSE(parsePropertyList(binary({"\xDF\x13"s + bigEndian(1ULL << 63, 8)})));
+  EXPECT_FALSE(parsePropertyList(binary({"\xA1\x05"s})));
+}
+
+TEST(BinaryPropertyList, ObjectsMayBeSharedButNotContainThemselves) {
+  const PlistValue shared = parsePropertyList(binary({"\xA2\x01\x01"s, "\xA1\x02"s, "\x51x"s}));
+  expectSame(shared, PlistValue::array({PlistValue::array({"x"}), PlistValue::array({"x"})}));
+  EXPECT_EQ(errorOf(binary({"\xA1\x01"s, "\xA1\x00"s})), "binary property list, byte 8: an object contains itself");
+}
+
+TEST(BinaryPropertyList, SharedObjectsCannotHideDepthOrSize) {
+  // Object 1 is met early, near the top, and again at the end of a chain that starts at object 2.
+  std::vector<std::string> chain = {"\xA2\x01\x02"s, "\xA1\x03"s, "\xA1\x04"s, "\x09"s};
+  while (chain.size() < 66) chain.push_back("\xA1"s + static_cast<char>(chain.size() + 1));
+  chain.back() = "\xA1\x01"s;
+  EXPECT_NE(errorOf(binary(chain)).find("nested deeper than 64 levels"), std::string::npos);
+  EXPECT_EQ(parsePropertyList(binary(chain), nullptr, 70).depth(), 65U);
+
+  std::vector<std::string> doubling;
+  for (int i = 1; i < 40; ++i) doubling.push_back("\xA2"s + static_cast<char>(i) + static_cast<char>(i));
+  doubling.push_back("\x09"s);
+  EXPECT_NE(errorOf(binary(doubling)).find("too large"), std::string::npos);
+}
+
+TEST(BinaryPropertyList, OverlappingObjectsAreRefusedBeforeTheyCostTime) {
+  // Thousands of objects that are all the same long array.
+  constexpr std::size_t kCount = 2000;
+  std::string array = "\xAF\x11"s + bigEndian(kCount, 2);
+  for (std::size_t i = 0; i < kCount; ++i) array += bigEndian(i + 1, 2);
+  std::string bytes = "bplist00" + array + "\x09";
+  const std::size_t table = bytes.size();
+  for (std::size_t i = 0; i <= kCount; ++i) bytes += bigEndian(i < kCount ? 8 : table - 1, 2);
+  bytes += std::string(6, '\0') + "\x02\x02" + bigEndian(kCount + 1, 8) + bigEndian(0, 8) + bigEndian(table, 8);
+  EXPECT_NE(errorOf(bytes).find("objects overlap"), std::string::npos);
+}
