@@ -1,0 +1,95 @@
+// One "match" request at work: takes candidates one after another, keeps those that the host may use and that win over
+// other versions of themselves, and encodes their forms for the reply.
+//
+//   Discovery discovery(server, client, rules, flags);
+//   for (const auto& plugIn : candidates) discovery.consider(plugIn);
+//   discovery.applyOverrides();
+//   reply.set("matches", *discovery.encodedForms());
+//
+// Lives for one request, on the service queue; server and client must outlive it. Each filter answers with a Verdict
+// that names what decided.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/PlistEncoding.h"
+#include "vkd/HostPolicy.h"
+#include "vkd/MatchRules.h"
+#include "vkd/PlugInForm.h"
+#include "vkd/VKDServer.h"
+#include "vkd/VKDZypClient.h"
+#include "vkd/Verdict.h"
+
+namespace vkd {
+
+class Discovery {
+ public:
+  // Rules are a dictionary or nothing. Annotations are read as they are now: after the candidates were looked up, since
+  // that may elect some of them.
+  Discovery(VKDServer& server, const VKDZypClient& client, const PlistValue& rules, std::uint64_t flags);
+
+  // Passed, or which filter left the candidate out.
+  Verdict consider(const std::shared_ptr<VKDPlugIn>& plugIn);
+  // After the last candidate: links the plug-ins that replace others with those they replace.
+  void applyOverrides();
+
+  // How many plug-ins are left, and their forms in the order in which they were accepted, as one encoded array. Nothing
+  // when they exceed what one message can carry.
+  std::size_t size() const { return size_; }
+  std::optional<Rope> encodedForms() const;
+
+ private:
+  // A plug-in that was accepted, with what its form gets beside its own entries. Those that a rival has driven out stay
+  // where they are: they may still replace others.
+  struct Result {
+    std::shared_ptr<VKDPlugIn> plugIn;
+    const PlugInForm* form;
+    PlugInForm::Additions additions;
+    bool removed;
+    std::size_t nextOfIdentifier;
+  };
+  // The results of one identifier, in the order of their acceptance.
+  struct Rivals {
+    std::size_t first, last;
+  };
+  static constexpr std::size_t kNone = SIZE_MAX;
+
+  bool has(std::uint64_t flag) const { return (flags_ & flag) != 0; }
+
+  // --- Filters, in their order ---------------------------------------------------------------------------------------
+
+  Verdict filter(const VKDPlugIn& plugIn);
+  Verdict filterContainment(const VKDPlugIn& plugIn) const;
+  Verdict filterDedicated(const VKDPlugIn& plugIn);
+  Verdict filterHold(const VKDPlugIn& plugIn) const;
+  Verdict filterExclusions(const VKDPlugIn& plugIn) const;
+  Verdict filterHost(const VKDPlugIn& plugIn);
+  Verdict selectVersion(const PlugInForm& form);
+
+  void accept(const std::shared_ptr<VKDPlugIn>& plugIn, const PlugInForm& form);
+  void noteReplacements(const VKDPlugIn& plugIn, std::size_t result);
+
+  VKDServer& server_;
+  const VKDZypClient& client_;
+  const std::uint64_t flags_;
+  const MatchRules rules_;
+  const std::vector<MatchRules>& exclusions_;
+  const AnnotationSnapshot annotations_;
+  // Made when first wanted.
+  std::optional<HostPolicy> policy_;
+  std::optional<std::string> ownPlugIns_;  // the folder of plug-ins in the host's bundle; empty: none
+  bool ownPlugInsKnown_ = false;
+
+  std::vector<Result> results_;
+  std::size_t size_ = 0;  // of results_, the removed left aside
+  std::unordered_map<std::string_view, Rivals> byIdentifier_;
+  std::unordered_map<std::string, std::size_t> replacements_;  // replaced identifier → result that replaces it
+};
+
+}  // namespace vkd

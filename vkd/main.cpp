@@ -1,0 +1,59 @@
+// vkd: reads the command line, builds the services of this machine, and hands them to the one server.
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "Vornik/VKLog.h"
+#include "Vornik/VKProtocol.h"
+#include "platform/Services.h"
+#include "vkd/CommandLine.h"
+#include "vkd/VKDServer.h"
+
+namespace {
+
+using namespace vkd;
+
+std::shared_ptr<VKDServer> makeServer(const CommandLine& options) {
+  platform::Services services = platform::machineServices();
+  std::string reason;
+  services.registry = platform::openRegistry(services, &reason);
+  if (services.registry == nullptr) {
+    VK_LOG(vk_ops(), Error, "cannot open the application registry: %{public}@", reason);
+    return nullptr;
+  }
+  auto server = VKDServer::initForServiceDatabase(services, options.service.value_or(std::string(kVKServiceName)),
+                                                  options.database);
+  if (server == nullptr) return nullptr;
+  server->setVerbose(options.verbose);
+  server->setCacheLimit(options.cacheLimit);
+  return server;
+}
+
+int serve(const CommandLine& options) {
+  std::shared_ptr<VKDServer> server = makeServer(options);
+  if (server != nullptr && server->run()) return EXIT_SUCCESS;
+  VK_LOG(vk_ops(), Error, "unable to construct server");
+  return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+  VK_LOG(vk_ops(), Info, "vkd is launching");
+  std::string diagnostic;
+  auto options = CommandLine::parse(std::span<const char* const>(words, count).subspan(count > 0 ? 1 : 0), &diagnostic);
+  if (!options) {
+    diagnostic += kUsage;
+    std::fputs(diagnostic.c_str(), stderr);
+    return kUsageStatus;
+  }
+  try {
+    return serve(*options);
+  } catch (const std::exception& failure) {
+    VK_LOG(vk_ops(), Fault, "%{public}@", std::string_view(failure.what()));
+    return EXIT_FAILURE;
+  }
+}
