@@ -31,6 +31,11 @@ class CodeSigning {
   // The executable's device path (its plain path when it lies outside the device root); nothing when the process is
   // gone or the path is longer than 2047 bytes.
   virtual std::optional<std::string> executablePath(std::int32_t pid) = 0;
+  // What the entitlement file of an executable says, whoever may run it: a dictionary or nothing, and *error when the
+  // file does not count or cannot be read. For tools that look at a bundle.
+  virtual PlistValue entitlementsOfExecutable(std::string_view /*path*/, std::optional<DomainError>* /*error*/) {
+    return {};
+  }
 };
 
 }  // namespace platform

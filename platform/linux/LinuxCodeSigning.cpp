@@ -76,4 +76,8 @@ std::optional<std::string> LinuxCodeSigning::executablePath(std::int32_t pid) {
   return path;
 }
 
+PlistValue LinuxCodeSigning::entitlementsOfExecutable(std::string_view path, std::optional<DomainError>* error) {
+  return readEntitlements(*root_, path, error);
+}
+
 }  // namespace platform
