@@ -1,4 +1,4 @@
-// The two services that matching rules lean on. docs/platform.md defines the activation-rule language.
+// The two services that matching rules lean on. docs/activation-rules.md defines the activation-rule language.
 #pragma once
 
 #include <string_view>

@@ -91,7 +91,11 @@ bool LinuxFileSystem::createDirectory(const FileURL& url, unsigned permissions, 
 
 std::optional<FileSystem::Stamp> stampOf(const DeviceRoot& root, std::string_view devicePath) {
   struct stat state {};
-  if (!root.stat(devicePath, &state) || !S_ISREG(state.st_mode)) return std::nullopt;
+  if (!root.stat(devicePath, &state)) return std::nullopt;
+  if (!S_ISREG(state.st_mode)) {
+    errno = EINVAL;
+    return std::nullopt;
+  }
   return FileSystem::Stamp{state.st_dev, state.st_ino, static_cast<std::uint64_t>(state.st_size),
                            nanoseconds(state.st_mtim), nanoseconds(state.st_ctim)};
 }

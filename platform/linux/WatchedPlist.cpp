@@ -1,5 +1,7 @@
 #include "platform/linux/WatchedPlist.h"
 
+#include <cerrno>
+
 #include "platform/Log.h"
 #include "platform/linux/Files.h"
 #include "platform/linux/LinuxFileSystem.h"
@@ -9,7 +11,9 @@ namespace platform {
 void WatchedPlist::refresh(const DeviceRoot& root) {
   std::optional<FileSystem::Stamp> stamp = stampOf(root, path_);
   if (!stamp) {
-    *this = WatchedPlist(path_);
+    // Whatever else keeps it from being seen says nothing about what the user wants.
+    good_ = errno == ENOENT || errno == ENOTDIR;
+    if (good_) *this = WatchedPlist(path_);
     return;
   }
   if (stamp == stamp_ && settled_) return;
