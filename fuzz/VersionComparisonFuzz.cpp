@@ -1,0 +1,31 @@
+// Any three texts, separated by zero bytes, as versions: their order never contradicts itself, and no text sorts behind
+// one that it begins.
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+#include "Vornik/VKVersionComparison.h"
+
+using Vornik::compareVersionString;
+
+namespace {
+
+std::string_view takeText(std::string_view& rest) {
+  std::string_view text = rest.substr(0, rest.find('\0'));
+  rest.remove_prefix(text.size() < rest.size() ? text.size() + 1 : text.size());
+  return text;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::string_view rest(reinterpret_cast<const char*>(data), size);
+  std::string_view a = takeText(rest), b = takeText(rest), c = takeText(rest);
+  auto ab = compareVersionString(a, b), bc = compareVersionString(b, c), ac = compareVersionString(a, c);
+  if (compareVersionString(a, a) != 0 || compareVersionString(b, a) != (0 <=> ab)) std::abort();
+  if (ab <= 0 && bc <= 0 && ac > 0) std::abort();
+  if (ab == 0 && ac != bc) std::abort();
+  // A text is never greater than itself with more behind it.
+  if (b.starts_with(a) && ab > 0) std::abort();
+  return 0;
+}
