@@ -29,9 +29,12 @@ std::shared_ptr<VKDaemonClient> VKDaemonClient::initWithServiceName(const Servic
                                                                     std::string_view serviceName) {
   auto replyQueue = services.queues->serial("vkd_client", WorkQueue::Order::Outer);
   auto vkd = services.messages->connect(serviceName.empty() ? kVKServiceName : serviceName, replyQueue);
-  vkd->setEventHandler(
-      [](const Message& event) { VK_LOG(vk_ops(), Error, "Communications error: %{public}@", eventText(event)); });
-  std::shared_ptr<VKDaemonClient> client(new VKDaemonClient(vkd, std::move(replyQueue)));
+  auto block = std::make_shared<ReplyBlock>();
+  vkd->setEventHandler([block](const Message& event) {
+    VK_LOG(vk_ops(), Error, "Communications error: %{public}@", eventText(event));
+    if (*block) (*block)(event);
+  });
+  std::shared_ptr<VKDaemonClient> client(new VKDaemonClient(vkd, std::move(replyQueue), std::move(block)));
   vkd->resume();
   return client;
 }
@@ -97,6 +100,10 @@ void VKDaemonClient::releaseHoldReply(const UUID& token, ReplyBlock reply) {
   Message message = request(kVKRequestLock);
   setUuids(message, std::span(&token, 1));
   sendReply(message, std::move(reply));
+}
+
+void VKDaemonClient::setEventBlock(ReplyBlock event) {
+  replyQueue_->sync([&] { *event_ = std::move(event); });
 }
 
 // --- Messages -------------------------------------------------------------------------------------------------------

@@ -75,6 +75,10 @@ class VKDaemonClient {
   static void setUuids(Message& request, std::span<const UUID> uuids);
   void sendReply(const Message& request, ReplyBlock reply);
 
+  // Called on replyQueue with every event of the connection itself, after it was logged: the daemon went away, say.
+  // From any thread but replyQueue; an empty block ends it.
+  void setEventBlock(ReplyBlock event);
+
   // The failure that a reply tells of, or nothing. Throws VKInternalInconsistency for a message without a code.
   static std::optional<DomainError> errorInReply(const Message& reply);
   // The forms under "matches"; nothing when there are none or the protocol version cannot carry them.
@@ -92,11 +96,13 @@ class VKDaemonClient {
   void setProtocolVersion(std::int64_t version) { protocolVersion_.store(version, std::memory_order_relaxed); }
 
  private:
-  VKDaemonClient(std::shared_ptr<MessageConnection> vkd, std::shared_ptr<WorkQueue> replyQueue)
-      : vkd_(std::move(vkd)), replyQueue_(std::move(replyQueue)) {}
+  VKDaemonClient(std::shared_ptr<MessageConnection> vkd, std::shared_ptr<WorkQueue> replyQueue,
+                 std::shared_ptr<ReplyBlock> event)
+      : vkd_(std::move(vkd)), replyQueue_(std::move(replyQueue)), event_(std::move(event)) {}
 
   const std::shared_ptr<MessageConnection> vkd_;
   const std::shared_ptr<WorkQueue> replyQueue_;
+  const std::shared_ptr<ReplyBlock> event_;  // shared with the connection's handler; on replyQueue only
   std::atomic<std::int64_t> protocolVersion_{kVKProtocolVersion};
 };
 

@@ -11,6 +11,9 @@ inline constexpr std::string_view kVKServiceName = "com.vantrel.vornik.vkd";
 // Posted when annotations or holds change; carries nothing.
 inline constexpr std::string_view kVKAnnotationChangeNotification = "com.vantrel.vornik.annotation-change";
 
+// Stands in the daemon's executable, followed by its version: what `vkctl status` tells of a running one.
+inline constexpr std::string_view kVKVersionMark = "@(#)vkd ";
+
 // Property lists travel in their message encoding in this version only.
 inline constexpr std::uint64_t kVKProtocolVersion = 3;
 

@@ -10,13 +10,11 @@ namespace platform {
 
 class ChildProcess {
  public:
-  // Statuses that shells use for a command that cannot be run.
-  static constexpr int kNotExecutable = 126;
-  static constexpr int kNotFound = 127;
-
   // Starts command[0], looked up in PATH unless it has a slash, with this process's environment and standard streams.
   // Null and *errorNumber when it cannot be started.
   static std::unique_ptr<ChildProcess> start(const std::vector<std::string>& command, int* errorNumber);
+  // The exit status that shells use for a command that could not be started: 127 not found, 126 for all else.
+  static int statusOfFailedStart(int errorNumber);
   virtual ~ChildProcess() = default;
 
   virtual std::int32_t pid() const = 0;

@@ -17,6 +17,8 @@ namespace platform {
 // The key under which both services put a bundle identifier.
 inline constexpr std::string_view kJobdExtensionBundleIdentifierKey = "BundleIdentifier";
 inline constexpr std::string_view kAssurdBundleIdentifierKey = "BundleIdentifier";
+// The key under which assurd puts the process of an instance, a signed integer.
+inline constexpr std::string_view kAssurdProcessIdentifierKey = "ProcessIdentifier";
 
 class ServiceManager {
  public:

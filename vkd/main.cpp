@@ -1,10 +1,13 @@
 // vkd: reads the command line, builds the services of this machine, and hands them to the one server.
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "Vornik/VKLog.h"
 #include "Vornik/VKProtocol.h"
@@ -15,6 +18,14 @@
 namespace {
 
 using namespace vkd;
+
+// Who looks into the executable of a running daemon learns its version.
+[[gnu::used]] constexpr auto versionMark = [] {
+  constexpr std::string_view version = VORNIK_VERSION;
+  std::array<char, kVKVersionMark.size() + version.size() + 1> text{};
+  std::ranges::copy(version, std::ranges::copy(kVKVersionMark, text.begin()).out);
+  return text;
+}();
 
 std::shared_ptr<VKDServer> makeServer(const CommandLine& options) {
   platform::Services services = platform::machineServices();

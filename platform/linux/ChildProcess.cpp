@@ -30,7 +30,7 @@ class SpawnedProcess final : public ChildProcess {
 int reap(pid_t pid) {
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return ChildProcess::kNotFound;
+    if (errno != EINTR) return ChildProcess::statusOfFailedStart(errno);
   }
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
@@ -51,6 +51,8 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const std::vector<std::string>
   }
   return std::make_unique<SpawnedProcess>(pid);
 }
+
+int ChildProcess::statusOfFailedStart(int errorNumber) { return errorNumber == ENOENT ? 127 : 126; }
 
 int waitForChild(std::int32_t pid) {
   UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
