@@ -2,17 +2,15 @@
 // what did not change: manifest and plug-in section are referred to where the registry's record has them, and the four
 // entries that differ from request to request are put in their sorted places.
 //
-//   own bytes:  …bundleInfo=…  | containingPath…entitlements= |  | hubProtocolVersion…info= | …original-identifier |
-//   path… referred:                 ^manifest                       ^entitlements                ^section added:
-//   ^annotations                                    ^extensions                             ^overrider, -ing
+//   kept       | bundleInfo=   containingPath… entitlements= |  …info=   … original-identifier |  path … version |
+//   referred   |          manifest             entitlements  |     section                   |                   |
+//   added     annotations                              extensions                 overrider, overriding
 //
 // Immutable once made, so safe from any thread; made and owned by the VKDPlugIn it describes.
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <memory>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -47,14 +45,21 @@ class PlugInForm {
  private:
   // Between the entries that a request adds.
   enum Section : std::size_t { BeforeExtensions, BeforeOverrides, AfterOverrides, SectionCount };
+  // What stands behind the head of the whole form.
+  struct Content {
+    std::uint64_t size;
+    std::uint32_t count;
+  };
 
+  void addPiece(platform::SharedSlice bytes);
+  Content content(const Additions& additions) const;
   void appendSection(platform::PlistEncoder& encoder, Section section) const;
 
   std::vector<platform::SharedSlice> pieces_;       // of all sections, in order
   std::array<std::uint32_t, SectionCount> ends_{};  // of each section in pieces_
   std::uint32_t count_ = 0;                         // entries in the pieces
   std::uint64_t size_ = 0;                          // and their bytes
-  std::string_view identifier_, version_, uuid_;    // in the pieces
+  std::string_view identifier_, version_, uuid_;    // parts of the pieces
   bool systemResident_ = false;
   std::int64_t lastModified_ = 0;
 };

@@ -8,64 +8,29 @@
 // anywhere.
 //
 // What a save cannot lose: a file that could not be read is moved aside, and the log says where, before the first save
-// takes its place. While it cannot be moved, saves fail, and changes are kept in memory.
+// takes its place. While it cannot be moved, saves fail and changes are kept in memory only.
 //
-// What a client cannot break: XML carries no control characters. Text with such characters is kept in memory as it is,
-// and saved with each of them replaced by U+FFFD; an annotation that cannot be written even so (its key cannot be
-// written, or it is nested too deep) is kept in memory only, and all others are saved.
+// What a client cannot break: an annotation that a file cannot hold as it is (AnnotationXML.h) is saved as far as
+// possible, or kept in memory only; all others are saved.
 #pragma once
 
-#include <atomic>
-#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <vector>
 
 #include "platform/DomainError.h"
 #include "platform/FileURL.h"
 #include "platform/PlistValue.h"
 #include "platform/Services.h"
-#include "platform/SharedBytes.h"
+#include "vkd/AnnotationTable.h"
+#include "vkd/StartupFailure.h"
 
 namespace vkd {
 
 using namespace platform;
 
 class VKDPlugIn;
-
-// The table of annotations. Written by the store only, and only while no snapshot of it is held.
-class AnnotationTable {
- public:
-  struct Entry {
-    PlistValue key;         // a string
-    PlistValue annotation;  // a dictionary; whatever the file had, when it was loaded
-    SharedSlice xml;        // its lines in the file, empty until the next save
-    bool unwritable = false;
-  };
-
-  AnnotationTable() = default;
-  AnnotationTable(const AnnotationTable& other);
-  AnnotationTable& operator=(const AnnotationTable&) = delete;
-
-  // A dictionary or nothing.
-  PlistValue annotation(std::string_view key) const;
-  const std::vector<Entry>& entries() const { return entries_; }
-
- private:
-  friend class VKDAnnotationStore;
-  void set(std::string_view key, PlistValue annotation);
-  void remove(std::string_view key);
-
-  std::vector<Entry> entries_;                                   // in the order of the file
-  std::unordered_map<std::string_view, std::size_t> positions_;  // keys refer to entries
-  mutable std::atomic<std::uint32_t> readers_{0};                // snapshots
-};
-
-// The table as it is at one moment, for reading from any thread. Holding one makes the next change copy the table.
-using AnnotationSnapshot = std::shared_ptr<const AnnotationTable>;
 
 class VKDAnnotationStore {
  public:
@@ -96,8 +61,10 @@ class VKDAnnotationStore {
 
  private:
   VKDAnnotationStore(const Services& services, FileURL url);
-  void loadAtStart();
+  void load();
+  bool migrate();
   bool keepUnreadableFile(DomainError* error);
+  // The table to change: a copy when a snapshot of the present one is held.
   AnnotationTable& writableTable();
   std::string fileText();
 

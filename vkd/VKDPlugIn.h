@@ -87,9 +87,9 @@ class VKDPlugIn final : public VKPlugInCore {
 
   // --- Matching ------------------------------------------------------------------------------------------------------
 
-  // Nothing and an empty dictionary match every plug-in. A refusal names the entry; it refers to the rules.
+  // Nothing and an empty dictionary match every plug-in. A refusal names the entry; its key is a part of the rules.
   Verdict match(const MatchRules& rules) const;
-  // Compiles the rules first, for who tests one plug-in only. A refusal names no key.
+  // Compiles the rules first, for who tests one plug-in only.
   Verdict match(const PlistValue& rules) const;
   bool matchKeyPattern(const MatchRules::Entry& entry) const;
   bool matchValuePatterns(const PlistValue& value, const MatchRules::Entry& entry) const;
@@ -112,11 +112,14 @@ class VKDPlugIn final : public VKPlugInCore {
   explicit VKDPlugIn(const Surroundings& surroundings) : surroundings_(surroundings) {}
   bool setUp(std::shared_ptr<RegistryPlugInRecord> record);
   bool passesDiagnosis() const;
+  // Keeping what was fetched is no change that anybody sees.
+  VKDPlugIn& keeper() const { return const_cast<VKDPlugIn&>(*this); }
 
+  PlistValue issueTokens(const PlistValue& paths, bool* complete) const;
   PlistValue subjectValue(const MatchRules::Entry& entry, std::string& text) const;
+  PlistBuilder environment() const;
   const char* sandboxProfile() const;
-  PlistValue serviceDescription() const;
-  std::optional<std::string> executablePath() const;
+  PlistValue serviceDescription(PlistBuilder variables, const char* profile) const;
 
   const Surroundings& surroundings_;
   std::shared_ptr<RegistryPlugInRecord> alproxy_;

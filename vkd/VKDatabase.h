@@ -98,23 +98,30 @@ class VKDatabase : public AnnotationSource, protected RegistryObserver {
   void pluginsWillUninstall(const RegistryPlugInRecords& records) final;
 
  private:
-  // A plug-in object with the number of the last findPlugIns that had it in its result.
+  // A plug-in object, and the number of the last batch that had it in its result.
   struct Cached {
     std::shared_ptr<VKDPlugIn> plugIn;
     std::uint64_t batch = 0;
+  };
+  // The records of one query on their way to plug-ins.
+  struct Batch {
+    const RegistryPlugInRecords& records;
+    std::size_t next = 0;
+    std::uint64_t number = 0;
+    VKDPlugIns result{};
   };
   class ElectionFilter;
 
   std::optional<RegistryPlugInRecords> recordsMatching(const PlistValue& query);
   VKDPlugIns plugInsForRecords(const RegistryPlugInRecords& records);
-  std::size_t collectCached(const RegistryPlugInRecords& records, std::size_t at, std::uint64_t batch,
-                            VKDPlugIns& result);
-  bool isServable(const RegistryPlugInRecord& record) const;
+  static bool isServable(const RegistryPlugInRecord& record, bool known);
+  static void eraseRepeated(VKDPlugIns& plugIns);
 
   // --- On `_sync` only -----------------------------------------------------------------------------------------------
 
   std::shared_ptr<VKDPlugIn> createPlugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record);
   void purgeCachesToLimit(std::int64_t limit);
+  void advance(Batch& batch);
   void autoElect(const VKDPlugIn& plugIn);
 
   VKDPlugIn::Surroundings surroundings_;
@@ -126,7 +133,7 @@ class VKDatabase : public AnnotationSource, protected RegistryObserver {
   // What only `_sync` touches.
   std::unique_ptr<VKDAnnotationStore> annotations_;
   std::unordered_map<UUID, Cached> cache_;
-  std::uint64_t batch_ = 0;     // the running number of findPlugIns
+  std::uint64_t batches_ = 0;   // so far
   std::uint64_t removals_ = 0;  // how often entries were taken out of the cache
   std::weak_ptr<VKDatabaseDelegate> delegate_;
 };
