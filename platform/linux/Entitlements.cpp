@@ -13,8 +13,6 @@
 namespace platform {
 namespace {
 
-constexpr std::string_view kSuffix = ".entitlements";
-
 bool onlyTrustedWrite(const struct stat& state) {
   return (state.st_uid == 0 || state.st_uid == ::geteuid()) && (state.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
@@ -39,7 +37,7 @@ PlistValue failed(std::optional<DomainError>* error, DomainError reason) {
 PlistValue readBeside(int directory, std::string_view name, const std::string& path,
                       std::optional<DomainError>* error) {
   if (error != nullptr) error->reset();
-  std::string fileName = std::string(name).append(kSuffix);
+  std::string fileName = std::string(name).append(kEntitlementsSuffix);
   UniqueFd handle(::openat(directory, fileName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!handle) return errno == ENOENT ? PlistValue() : failed(error, fileError(path, errno));
   struct stat state {};
@@ -72,7 +70,7 @@ SplitPath split(std::string_view path) {
 PlistValue readEntitlements(const DeviceRoot& root, std::string_view devicePathOfExecutable,
                             std::optional<DomainError>* error) {
   SplitPath place = split(devicePathOfExecutable);
-  std::string path = std::string(devicePathOfExecutable).append(kSuffix);
+  std::string path = std::string(devicePathOfExecutable).append(kEntitlementsSuffix);
   if (!isSafeComponent(place.name)) return failed(error, fileError(path, EINVAL));
   UniqueFd directory = root.openWithoutLinks(place.folder, O_PATH | O_DIRECTORY);
   if (!directory) return failed(error, fileError(path, errno));
@@ -84,7 +82,7 @@ PlistValue readEntitlementsOfProcess(const DeviceRoot& root, const PeerIdentity&
   std::optional<std::string> inside = root.devicePath(process.executablePath());
   std::string_view executable = inside ? *inside : process.executablePath();
   SplitPath place = split(executable);
-  std::string path = std::string(executable).append(kSuffix);
+  std::string path = std::string(executable).append(kEntitlementsSuffix);
   if (!isSafeComponent(place.name)) return failed(error, fileError(path, EINVAL));
   constexpr int kFlags = O_PATH | O_DIRECTORY;
   UniqueFd directory =

@@ -17,6 +17,7 @@
 
 namespace platform {
 
+inline constexpr std::string_view kEntitlementsSuffix = ".entitlements";
 // A larger file does not count: it is read for every process that connects.
 inline constexpr std::uint64_t kMaxEntitlementsBytes = std::uint64_t{1} << 20;
 
