@@ -47,18 +47,18 @@ std::optional<BundleLayout> BundleLayout::at(const DeviceRoot& root, std::string
 }
 
 std::optional<BundleLayout> BundleLayout::ofExecutable(const DeviceRoot& root, std::string_view devicePath) {
-  std::optional<std::string> path = root.canonicalPath(devicePath);
-  if (!path || !isRegularFile(root, *path)) return std::nullopt;
-  std::string_view folder = std::string_view(*path).substr(0, path->rfind('/'));
+  std::size_t slash = devicePath.rfind('/');
+  if (slash == std::string_view::npos || !isRegularFile(root, std::string(devicePath))) return std::nullopt;
+  // The place counts, not what a link there leads to: the program in a bundle may be shared with others.
+  std::optional<std::string> folder = root.canonicalPath(devicePath.substr(0, slash + 1));
+  if (!folder || *folder == "/") return std::nullopt;
   const std::string deepPlace = std::string(kContents).append(kExecutables);
-  if (folder.ends_with(deepPlace)) {
-    std::string_view bundle = folder.substr(0, folder.size() - deepPlace.size());
-    if (!bundle.empty() && hasDeepManifest(root, bundle)) return BundleLayout(std::string(bundle), true);
+  if (folder->ends_with(deepPlace)) {
+    std::string bundle = folder->substr(0, folder->size() - deepPlace.size());
+    if (!bundle.empty() && hasDeepManifest(root, bundle)) return BundleLayout(std::move(bundle), true);
   }
-  if (folder.empty() || !isRegularFile(root, joined(folder, kManifestFileName)) || hasDeepManifest(root, folder)) {
-    return std::nullopt;
-  }
-  return BundleLayout(std::string(folder), false);
+  if (!isRegularFile(root, joined(*folder, kManifestFileName)) || hasDeepManifest(root, *folder)) return std::nullopt;
+  return BundleLayout(std::move(*folder), false);
 }
 
 std::string BundleLayout::manifestPath() const { return joined(supportPath_, kManifestFileName); }

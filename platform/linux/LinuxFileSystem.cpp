@@ -96,8 +96,12 @@ std::optional<FileSystem::Stamp> stampOf(const DeviceRoot& root, std::string_vie
     errno = EINVAL;
     return std::nullopt;
   }
-  return FileSystem::Stamp{state.st_dev, state.st_ino, static_cast<std::uint64_t>(state.st_size),
-                           nanoseconds(state.st_mtim), nanoseconds(state.st_ctim)};
+  return stampOf(state);
+}
+
+FileSystem::Stamp stampOf(const struct stat& state) {
+  return {state.st_dev, state.st_ino, static_cast<std::uint64_t>(state.st_size), nanoseconds(state.st_mtim),
+          nanoseconds(state.st_ctim)};
 }
 
 bool isSettled(const FileSystem::Stamp& stamp) {

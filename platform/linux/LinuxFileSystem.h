@@ -27,6 +27,7 @@ class LinuxFileSystem final : public FileSystem {
 
 // What tells one content of a regular file from another; nothing and errno when there is no regular file.
 std::optional<FileSystem::Stamp> stampOf(const DeviceRoot& root, std::string_view devicePath);
+FileSystem::Stamp stampOf(const struct stat& state);
 // Whether the file was left alone long enough that a further change would show in its stamp: what was read of a file
 // that is not settled must be read again.
 bool isSettled(const FileSystem::Stamp& stamp);

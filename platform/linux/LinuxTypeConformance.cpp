@@ -1,15 +1,14 @@
 #include "platform/linux/LinuxTypeConformance.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 
 #include <algorithm>
 #include <ctime>
-#include <memory>
 #include <unordered_map>
 #include <utility>
 
 #include "platform/Log.h"
+#include "platform/linux/Directory.h"
 #include "platform/linux/Files.h"
 #include "platform/linux/LinuxFileSystem.h"
 
@@ -25,10 +24,6 @@ std::int64_t coarseNow() {
   ::clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
   return time.tv_sec * 1'000'000'000 + time.tv_nsec;
 }
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
 
 struct TextHash {
   using is_transparent = void;
@@ -113,17 +108,12 @@ std::vector<LinuxTypeConformance::FileState> LinuxTypeConformance::look() const 
   std::vector<FileState> files;
   UniqueFd folder = root_->open(kTypesFolder, O_RDONLY | O_DIRECTORY);
   if (!folder) return files;
-  std::unique_ptr<DIR, CloseDirectory> directory(::fdopendir(folder.get()));
-  if (directory == nullptr) return files;
-  static_cast<void>(folder.release());
-  while (const dirent* entry = ::readdir(directory.get())) {
-    std::string_view name = entry->d_name;
-    if (!name.ends_with(".plist") || name.starts_with('.')) continue;
+  forEachEntry(folder.get(), kMaxTypeFiles, [&](std::string_view name) {
+    if (!name.ends_with(".plist") || name.starts_with('.')) return;
     std::string path = std::string(kTypesFolder).append(name);
     std::optional<FileSystem::Stamp> stamp = stampOf(*root_, path);
     files.push_back({std::move(path), stamp});
-    if (files.size() == kMaxTypeFiles) break;
-  }
+  });
   std::sort(files.begin(), files.end(), [](const FileState& a, const FileState& b) { return a.path < b.path; });
   return files;
 }
