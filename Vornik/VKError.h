@@ -14,8 +14,9 @@ namespace Vornik {
 
 using namespace platform;
 
-// An error is of this domain when it points at this very text, so it is one object in the whole process.
-inline constexpr char VKErrorDomainText[] = "Vornik";
+// An error is of this domain when it points at this very text, so it is one object in the whole process, shared
+// libraries included.
+[[gnu::visibility("default")]] inline constexpr char VKErrorDomainText[] = "Vornik";
 inline constexpr std::string_view VKErrorDomain{VKErrorDomainText};
 
 enum VKErrorCode : std::int64_t {

@@ -21,12 +21,12 @@ struct DomainError {
 };
 
 // Errors of reading and writing files. The code is the system's error number, except for a file that is not there.
-inline constexpr char FileErrorDomainText[] = "File";
+[[gnu::visibility("default")]] inline constexpr char FileErrorDomainText[] = "File";
 inline constexpr std::string_view FileErrorDomain{FileErrorDomainText};
 inline constexpr std::int64_t FileErrorNoSuchFile = 260;
 
 // Errors of the property-list readers; the code is the byte offset at which reading stopped.
-inline constexpr char PlistErrorDomainText[] = "PropertyList";
+[[gnu::visibility("default")]] inline constexpr char PlistErrorDomainText[] = "PropertyList";
 inline constexpr std::string_view PlistErrorDomain{PlistErrorDomainText};
 
 }  // namespace platform

@@ -1,0 +1,68 @@
+# What `cmake --install` puts where: component `library` for programs that link libVornik, component `daemon` for the
+# daemon with its command-line client. A prefix given at install time wins; nothing installed holds an absolute path.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# --- The shared library: the model and the client with the platform layer inside ------------------------------------
+
+# Its objects are those of the static libraries; the version script says which of their names are public.
+set(library_parts platform_values platform_ipc platform_services platform_registry platform vornik_model)
+foreach(part ${library_parts})
+  set_target_properties(${part} PROPERTIES CXX_VISIBILITY_PRESET default)
+  target_compile_options(${part} PRIVATE -fno-semantic-interposition)  # calls among them stay direct
+endforeach()
+add_library(Vornik SHARED $<TARGET_OBJECTS:vornik_model> $<TARGET_OBJECTS:platform_values>)
+add_library(Vornik::Vornik ALIAS Vornik)
+set(version_script ${CMAKE_CURRENT_LIST_DIR}/Vornik.map)
+target_link_libraries(Vornik PRIVATE platform)
+target_link_options(Vornik PRIVATE LINKER:--version-script=${version_script})
+target_compile_features(Vornik INTERFACE cxx_std_20)
+target_include_directories(Vornik INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+set_target_properties(Vornik PROPERTIES
+  LINKER_LANGUAGE CXX
+  LINK_DEPENDS ${version_script}
+  VERSION ${PROJECT_VERSION}
+  SOVERSION ${PROJECT_VERSION_MAJOR})
+install(TARGETS Vornik EXPORT VornikTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT library)
+
+# --- Its headers, and those of the platform layer that they need ----------------------------------------------------
+
+file(GLOB model_headers CONFIGURE_DEPENDS Vornik/*.h)
+install(FILES ${model_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vornik COMPONENT library)
+foreach(header CodeSigningTask ConsentService DomainError FileSystem FileURL Format Log Message MessageConnection
+    PlistEncoding PlistValue Registry Rules SandboxService ServiceBundle ServiceManager Services SharedBytes UUID
+    UserServices WorkQueue)
+  install(FILES platform/${header}.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform COMPONENT library)
+endforeach()
+
+# --- How other builds find it ---------------------------------------------------------------------------------------
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Vornik)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VornikConfig.cmake.in ${CMAKE_BINARY_DIR}/VornikConfig.cmake
+  INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/VornikConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/VornikConfig.cmake ${CMAKE_BINARY_DIR}/VornikConfigVersion.cmake
+  DESTINATION ${package_dir} COMPONENT library)
+install(EXPORT VornikTargets NAMESPACE Vornik:: DESTINATION ${package_dir} COMPONENT library)
+
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/vornik.pc.in ${CMAKE_BINARY_DIR}/vornik.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/vornik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
+
+# --- The daemon and its command-line client -------------------------------------------------------------------------
+
+foreach(program vkd vkctl)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT daemon)
+  endif()
+endforeach()
+
+# --- The test of all this -------------------------------------------------------------------------------------------
+
+# Not with sanitizers: a program that links such a library needs their runtime, too.
+if(VORNIK_TESTS AND NOT VORNIK_SANITIZE)
+  add_test(NAME InstalledLibrary
+    COMMAND ${CMAKE_SOURCE_DIR}/tests/integration/InstalledLibraryTest.sh ${CMAKE_BINARY_DIR} ${CMAKE_CXX_COMPILER})
+  set_tests_properties(InstalledLibrary PROPERTIES TIMEOUT 120)
+endif()
