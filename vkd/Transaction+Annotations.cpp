@@ -1,5 +1,6 @@
 // "annotate" and "bulk-annotate": the user's settings of plug-ins are changed, and the system is told.
 #include "Vornik/VKError.h"
+#include "Vornik/VKErrorTexts.h"
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKLog.h"
 #include "vkd/Transaction.h"
@@ -67,7 +68,7 @@ bool Transaction::bulkAnnotate(std::string_view uuidText, const PlistValue& exte
   }
   std::shared_ptr<VKDPlugIn> plugIn = server().findPlugIn(*uuid);
   if (plugIn == nullptr) {
-    failMessage(VKErrorRegistry, "no plug-in with the requested uuid");
+    failMessage(VKErrorRegistry, kVKNoPlugInWithUUID);
     return false;
   }
   VK_LOG(vk_ops(), Debug, "client %d bulk plug-in %@(%{public}@) annotation change: %@", client_->pid(),

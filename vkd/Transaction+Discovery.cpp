@@ -1,5 +1,6 @@
 // "match": a host finds the plug-ins it may use.
 #include "Vornik/VKError.h"
+#include "Vornik/VKErrorTexts.h"
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKLog.h"
 #include "Vornik/VKProtocol.h"
@@ -17,7 +18,7 @@ void Transaction::matchPlugIns() {
   const PlistValue rules = rulesMessage != nullptr ? rulesMessage->toPlist() : PlistValue();
   const std::uint64_t flags = request_.getUnsigned(kVKMessageFlags);
   if ((flags & VKDiscoverAll) != 0 && !mayDiscoverAll()) {
-    return failMessage(VKErrorNotPermitted, "unauthorized discovery flag (VKDiscoverAll)");
+    return failMessage(VKErrorNotPermitted, kVKUnauthorizedDiscovery);
   }
   const VKDPlugIns candidates = server().findPlugIns(rules).value_or(VKDPlugIns());
   trace::discoverRaw(static_cast<unsigned>(candidates.size()));

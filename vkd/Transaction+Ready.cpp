@@ -2,6 +2,7 @@
 #include <unordered_set>
 
 #include "Vornik/VKError.h"
+#include "Vornik/VKErrorTexts.h"
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKLog.h"
 #include "Vornik/VKSandboxExtension.h"
@@ -18,7 +19,7 @@ void Transaction::readyPlugIns() {
   std::optional<HostPolicy> policy;
   bool complete = processUuidList([&](const std::shared_ptr<VKDPlugIn>& plugIn) {
     if (trace::pluginReadyEnabled()) trace::pluginReady(plugIn->uuid().text().c_str());
-    if (server().holdOnPlugIn(*plugIn)) return denyAccess(*plugIn, "the plug-in is on hold");
+    if (server().holdOnPlugIn(*plugIn)) return denyAccess(*plugIn, kVKPlugInOnHold);
     if (plugIn->isData()) return true;
     if (!policy) policy.emplace(*client_);
     if (auto refusal = HostPolicy::refusal(policy->allow(*plugIn))) return denyAccess(*plugIn, *refusal);

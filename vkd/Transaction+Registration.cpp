@@ -1,5 +1,6 @@
 // "add", "remove" and "bulk": installers register and unregister plug-in bundles at paths.
 #include "Vornik/VKError.h"
+#include "Vornik/VKErrorTexts.h"
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKLog.h"
 #include "platform/Trace.h"
@@ -31,7 +32,7 @@ void Transaction::removePlugIns() {
       VK_LOG(systemLog(), Default,
              "refused request from pid=%d to remove plug-in at %@ - client lacks required entitlement", client_->pid(),
              path);
-      failMessage(VKErrorNotPermitted, "caller lacks entitlement for this operation");
+      failMessage(VKErrorNotPermitted, kVKCallerLacksEntitlement);
       return false;
     }
     if (server().removePlugIn(FileURL{path})) {

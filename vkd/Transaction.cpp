@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "Vornik/VKError.h"
+#include "Vornik/VKErrorTexts.h"
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKLog.h"
 #include "Vornik/VKProtocol.h"
@@ -138,7 +139,7 @@ bool Transaction::visitUuid(const Message& element, const PlugInVisit& visit) {
   }
   std::shared_ptr<VKDPlugIn> plugIn = server().findPlugIn(*uuid);
   if (plugIn == nullptr) {
-    failMessage(VKErrorInvalidRequest, "no such plugin (uuid not found)");
+    failMessage(VKErrorInvalidRequest, kVKNoSuchPlugIn);
     return false;
   }
   return visit(plugIn);

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "Vornik/VKLog.h"
+#include "platform/RunLoop.h"
 #include "vkd/VKDPlugInHold.h"
 #include "vkd/VKDZypClient.h"
 
@@ -77,8 +78,7 @@ bool VKDServer::start() {
 
 bool VKDServer::run() {
   if (!start()) return false;
-  std::atomic<bool> ended{false};
-  while (!ended.load()) ended.wait(false);
+  runMainLoop();
   return true;
 }
 

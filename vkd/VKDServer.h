@@ -45,7 +45,7 @@ class VKDServer final : public VKDatabase, public VKDatabaseDelegate, public std
 
   // Accepts connections from now on. False, with the reason in the log, when that is impossible.
   bool start();
-  // Starts, then parks the calling thread for good. Answers only when it could not start.
+  // Starts, then leaves the main thread to the platform's run loop. False when it could not start.
   bool run();
 
   // Queues a work item on the service queue. From any thread.
