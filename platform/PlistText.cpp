@@ -95,7 +95,8 @@ std::optional<double> parseISODate(std::string_view text) {
                                          std::chrono::day(static_cast<unsigned>(day))};
   if (!date.ok()) return std::nullopt;
   const std::int64_t days = std::chrono::sys_days(date).time_since_epoch().count();
-  return static_cast<double>(days * kSecondsPerDay + hour * 3600 + minute * 60 + second);
+  const int secondOfDay = (hour * 60 + minute) * 60 + second;
+  return static_cast<double>(days * kSecondsPerDay + secondOfDay);
 }
 
 std::optional<double> wholeSecondDate(double secondsSince1970) {
