@@ -100,8 +100,14 @@ TEST_F(VKDaemonClientTest, TheReplyReachesItsBlockOnTheReplyQueue) {
   EXPECT_TRUE(log.has(LogLevel::Debug, "traffic", "reply: " + answer.description())) << log;
 }
 
-TEST_F(VKDaemonClientTest, ConnectionEventsAreLogged) {
-  messages->connection->deliver(Message::error(ConnectionError::Interrupted, "the daemon went away"));
+TEST_F(VKDaemonClientTest, ConnectionEventsAreLoggedAndPassedOn) {
+  const Message event = Message::error(ConnectionError::Interrupted, "the daemon went away");
+  std::vector<Message> received;
+  client->setEventBlock([&](const Message& message) { received.push_back(message); });
+  messages->connection->deliver(event);
+  client->setEventBlock({});
+  messages->connection->deliver(event);
+  EXPECT_EQ(received, std::vector{event});
   EXPECT_TRUE(log.has(LogLevel::Error, "ops", "Communications error: the daemon went away")) << log;
 }
 

@@ -28,6 +28,7 @@ TEST(VKPlugInCore, SetUpRefusesWhatCannotBeARecord) {
   CapturedLog log;
   const UUID uuid = UUID::random();
   EXPECT_EQ(VKPlugInCore::initWithNameUrlBundleInfoInfoUuid("", std::nullopt, {}, {}, uuid), nullptr);
+  EXPECT_EQ(VKPlugInCore::initWithNameUrlBundleInfoInfoUuid("p", FileURL{}, {}, {}, uuid), nullptr);
   EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(VKPlugInCore::initWithNameUrlBundleInfoInfoUuid("", kLocation, {}, {}, uuid), nullptr);
   EXPECT_TRUE(log.has(LogLevel::Error, "ops", "missing identifier in plug-in at " + kLocation.path)) << log;
