@@ -16,9 +16,6 @@
 namespace platform {
 namespace {
 
-// How often another writer may take the name of the file aside away before this one gives up.
-constexpr int kMaxReplaceAttempts = 100;
-
 // Removes what was not moved into place.
 class Aside {
  public:
@@ -49,27 +46,21 @@ std::string asideName(const std::string& name, std::string_view mark) {
 }
 
 // The file is complete before it has a name, and its name aside is always the same: a crash leaves at most one behind,
-// and the next writer takes that away. Two writers may take each other's away; each is complete.
+// and the next writer takes that away. Another writer at the same moment may take this one's away: false and ENOENT.
 bool moveUnnamed(int directory, int fd, const std::string& name) {
   char link[32];
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-  std::string aside = asideName(name, "new");
-  for (int i = 0; i < kMaxReplaceAttempts; ++i) {
-    if (::linkat(AT_FDCWD, link, directory, aside.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-      if (errno != EEXIST) return false;
-      if (::unlinkat(directory, aside.c_str(), 0) != 0 && errno != ENOENT) return false;
-      continue;
-    }
-    if (::renameat(directory, aside.c_str(), directory, name.c_str()) == 0) return true;
-    if (errno != ENOENT) {
-      Aside remove(directory, aside);
-      return false;
-    }
+  Aside aside(directory, asideName(name, "new"));
+  while (::linkat(AT_FDCWD, link, directory, aside.name(), AT_SYMLINK_FOLLOW) != 0) {
+    if (errno != EEXIST) return false;
+    if (::unlinkat(directory, aside.name(), 0) != 0 && errno != ENOENT) return false;
   }
-  return false;
+  if (::renameat(directory, aside.name(), directory, name.c_str()) != 0) return false;
+  aside.keep();
+  return true;
 }
 
-// For file systems without unnamed files.
+// For file systems without unnamed files, and for writers in each other's way.
 bool moveNamed(int directory, const std::string& name, std::string_view bytes, mode_t mode, bool durable) {
   std::string unique = asideName(name, UUID::random().text());
   UniqueFd file(::openat(directory, unique.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -143,14 +134,12 @@ PlistValue readPlistFile(const DeviceRoot& root, std::string_view devicePath, Do
 
 bool replaceFile(int directory, const std::string& name, std::string_view bytes, mode_t mode, bool durable) {
   UniqueFd unnamed(::openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-  if (unnamed) {
-    if (!fill(unnamed.get(), bytes, mode, durable)) return false;
-    if (!moveUnnamed(directory, unnamed.get(), name)) return false;
-  } else {
-    if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL && errno != ENOENT) return false;
-    if (!moveNamed(directory, name, bytes, mode, durable)) return false;
+  bool moved = unnamed && fill(unnamed.get(), bytes, mode, durable) && moveUnnamed(directory, unnamed.get(), name);
+  if (!moved) {
+    bool otherWay = errno == ENOENT || (!unnamed && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL));
+    moved = otherWay && moveNamed(directory, name, bytes, mode, durable);
   }
-  return !durable || ::fsync(directory) == 0;
+  return moved && (!durable || ::fsync(directory) == 0);
 }
 
 }  // namespace platform
