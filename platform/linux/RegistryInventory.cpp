@@ -1,0 +1,254 @@
+// Everything: what was stored, the top folders, links, and which event concerns what.
+#include "platform/linux/RegistryInventory.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "platform/linux/BundleLayout.h"
+#include "platform/linux/RegistryPaths.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kApplicationFolders[] = {"/Applications", "/System/Applications"};
+constexpr std::string_view kSystemFolder = "/System/Library/PlugIns";
+
+}  // namespace
+
+RegistryInventory::RegistryInventory(std::shared_ptr<RegistryContext> context, std::shared_ptr<RegistryIndex> index,
+                                     RegistryStore& store, RegistryWatcher& watcher, RegistryAgenda& agenda)
+    : context_(std::move(context)),
+      index_(std::move(index)),
+      store_(store),
+      watcher_(watcher),
+      agenda_(agenda),
+      systemFolder_{std::string(kSystemFolder), {}},
+      follower_(context_->root, watcher) {
+  for (std::string_view path : kApplicationFolders) applicationFolders_.push_back({std::string(path), {}});
+}
+
+void RegistryInventory::load() {
+  for (RegistryStore::Entry& stored : store_.load()) {
+    std::string path = stored.key.substr(1);
+    if (stored.key[0] == kApplicationKey) {
+      makeApplication(path).record->update(RegistryAppEntry::fromPayload(stored.payload), false, false);
+    } else if (RegistryEntry entry = RegistryEntry::fromPayload(stored.payload); entry && path.starts_with('/')) {
+      Bundle& bundle = makeFolder(parentOf(path)).bundles[std::string(nameOf(path))];
+      bundle.requested = entry.isRequested();
+      bundle.entry = std::move(entry);
+    }
+  }
+  for (const TopFolder& top : applicationFolders_) follower_.follow(top.path);
+  follower_.follow(systemFolder_.path);
+  follower_.follow(std::string(RegistryContainers::kDirectory));
+  lookAtEverything();
+}
+
+void RegistryInventory::look(const RegistryUnit& unit) {
+  incomplete_ = false;
+  switch (unit.kind) {
+    case RegistryUnit::Kind::Everything:
+      follower_.refresh();
+      return lookAtEverything();
+    case RegistryUnit::Kind::Application:
+      return lookAtApplication(unit.path);
+    case RegistryUnit::Kind::Bundle:
+      return lookAtBundle(unit.path);
+  }
+}
+
+void RegistryInventory::lookAtEverything() {
+  ++pass_;
+  context_->containers.forgetFolder();
+  for (TopFolder& top : applicationFolders_) lookAtApplicationFolder(top);
+  lookAtSystemFolder();
+  lookAtTheRest();
+}
+
+// What is known and was not come across: gone, or registered by path.
+void RegistryInventory::lookAtTheRest() {
+  std::vector<std::string> paths;
+  for (const auto& [path, application] : applications_) {
+    if (application.pass != pass_) paths.push_back(path);
+  }
+  for (const std::string& path : paths) lookAtApplication(path);
+  paths.clear();
+  for (const auto& [path, link] : links_) paths.push_back(path);
+  for (const std::string& path : paths) {
+    if (auto link = links_.find(path); link != links_.end()) lookAtLink(path, link->second.kind);
+  }
+  paths.clear();
+  for (const auto& [path, folder] : folders_) {
+    if (!folder.listed) paths.push_back(path);
+  }
+  for (const std::string& path : paths) {
+    adoptFolder(path);
+    ++visit_;
+    lookAtKnown(path);
+  }
+}
+
+void RegistryInventory::resolve(TopFolder& top) {
+  std::optional<std::string> canonical = context_->root->canonicalPath(top.path);
+  if (!canonical && isPassingError(errno)) return retry(RegistryUnit::Kind::Everything, {});
+  std::string now = canonical.value_or(std::string());
+  if (now != top.canonical) watcher_.release(top.hold);
+  top.canonical = std::move(now);
+}
+
+void RegistryInventory::lookAtApplicationFolder(TopFolder& top) {
+  resolve(top);
+  if (top.canonical.empty()) return;
+  hold(top.hold, top.canonical, RegistryWatcher::Changes::Names);
+  std::optional<std::vector<DirectoryItem>> items = listDirectories(*context_->root, top.canonical);
+  if (!items) {
+    if (isPassingError(errno)) retry(RegistryUnit::Kind::Everything, {});
+    return;
+  }
+  for (const DirectoryItem& item : *items) {
+    if (item.name.ends_with(kApplicationEnding)) lookAtApplication(joinPath(top.canonical, item.name));
+  }
+}
+
+void RegistryInventory::lookAtSystemFolder() {
+  std::string old = systemFolder_.canonical;
+  resolve(systemFolder_);
+  if (!old.empty() && old != systemFolder_.canonical) detachFolder(old);
+  if (systemFolder_.canonical.empty()) return;
+  makeFolder(systemFolder_.canonical).listed = true;
+  lookAtFolder(systemFolder_.canonical);
+}
+
+void RegistryInventory::hold(RegistryWatcher::Hold& hold, const std::string& path, RegistryWatcher::Changes changes) {
+  UniqueFd directory = context_->root->openWithoutLinks(path, O_PATH | O_DIRECTORY);
+  if (directory) {
+    watcher_.hold(hold, path, directory.get(), changes);
+  } else {
+    watcher_.release(hold);
+  }
+}
+
+void RegistryInventory::holdAll(Holds& holds, const RegistryBundle& found, std::size_t count) {
+  std::vector<RegistryBundle::Directory> directories = found.directories();
+  for (std::size_t i = 0; i < count; ++i) {
+    if (i < directories.size()) {
+      watcher_.hold(holds[i], directories[i].path, directories[i].fd, RegistryWatcher::Changes::Content);
+    } else {
+      watcher_.release(holds[i]);
+    }
+  }
+}
+
+void RegistryInventory::releaseAll(Holds& holds) {
+  for (RegistryWatcher::Hold& hold : holds) watcher_.release(hold);
+}
+
+void RegistryInventory::note(RegistryUnit::Kind kind, std::string path) {
+  agenda_.changed({kind, std::move(path)}, RegistryAgenda::Clock::now());
+}
+
+void RegistryInventory::retry(RegistryUnit::Kind kind, std::string path) {
+  incomplete_ = true;
+  agenda_.retry({kind, std::move(path)}, RegistryAgenda::Clock::now());
+}
+
+void RegistryInventory::noteEvent(const std::string& directory, std::string_view name) {
+  using Kind = RegistryUnit::Kind;
+  if (follower_.concerns(directory, name)) return note(Kind::Everything, {});
+  std::string path = joinPath(directory, name);
+  for (const TopFolder& top : applicationFolders_) {
+    if (top.canonical == directory && (name.ends_with(kApplicationEnding) || links_.contains(path))) {
+      note(Kind::Application, path);
+    }
+  }
+  if (const Folder* folder = findFolder(directory)) {
+    if (name.empty()) {
+      note(folder->application ? Kind::Application : Kind::Everything,
+           folder->application ? folder->application->path() : std::string());
+    } else if ((folder->listed && name[0] != '.') || folder->bundles.contains(name)) {
+      note(Kind::Bundle, path);
+    }
+  }
+  noteApplicationEvent(directory, name);
+  noteBundleEvent(directory);
+}
+
+// An application is what its manifest, its layout and its folder of plug-ins say.
+void RegistryInventory::noteApplicationEvent(const std::string& directory, std::string_view name) {
+  bool matters = name.empty() || name == kManifestFileName || name == kContentsFolder || name == kPlugInsFolder ||
+                 name == kLocalizedFolder;
+  if (!matters) return;
+  if (applications_.contains(directory)) return note(RegistryUnit::Kind::Application, directory);
+  if (nameOf(directory) != kContentsFolder) return;
+  std::string around = parentOf(directory);
+  if (applications_.contains(around)) note(RegistryUnit::Kind::Application, around);
+}
+
+// Which of its files matter is known only when its manifest was read: any event in a bundle counts.
+bool RegistryInventory::noteBundleEvent(const std::string& directory) {
+  std::string path = directory;
+  if (nameOf(path) == kExecutablesFolder && nameOf(parentOf(path)) == kContentsFolder) path = parentOf(path);
+  if (nameOf(path) == kContentsFolder && findBundle(parentOf(path)) != nullptr) path = parentOf(path);
+  if (findBundle(path) == nullptr) return false;
+  note(RegistryUnit::Kind::Bundle, path);
+  return true;
+}
+
+// True when there is a link. What it leads to is then looked at, for as long as it leads there.
+bool RegistryInventory::lookAtLink(const std::string& path, RegistryUnit::Kind kind) {
+  struct stat state {};
+  if (!context_->root->linkStat(path, &state) || !S_ISLNK(state.st_mode)) {
+    dropLink(path);
+    return false;
+  }
+  std::optional<std::string> target = context_->root->canonicalPath(path);
+  bool directory = target && *target != "/" && context_->root->stat(*target, &state) && S_ISDIR(state.st_mode);
+  if (!directory) {
+    dropLink(path);
+    return true;
+  }
+  auto known = links_.find(path);
+  if (known != links_.end() && known->second.target == *target) {
+    if (kind == RegistryUnit::Kind::Application) {
+      lookAtApplication(*target);
+    } else {
+      lookAtBundle(*target);
+    }
+    return true;
+  }
+  dropLink(path);
+  Link& link = links_[path] = {kind, *target};
+  countLink(Link(link), +1);
+  return true;
+}
+
+void RegistryInventory::dropLink(const std::string& path) {
+  if (links_.empty()) return;
+  auto known = links_.find(path);
+  if (known == links_.end()) return;
+  Link link = std::move(known->second);
+  links_.erase(known);
+  countLink(link, -1);
+}
+
+void RegistryInventory::countLink(const Link& link, int change) {
+  if (link.kind == RegistryUnit::Kind::Application) {
+    Application& application = makeApplication(link.target);
+    application.links = static_cast<std::uint16_t>(application.links + change);
+    if (application.links != 0) {
+      follower_.follow(link.target);
+    } else {
+      follower_.unfollow(link.target);
+    }
+    return lookAtApplication(link.target);
+  }
+  std::string folder = parentOf(link.target);
+  Bundle& bundle = makeFolder(folder).bundles[std::string(nameOf(link.target))];
+  bundle.links = static_cast<std::uint16_t>(bundle.links + change);
+  adoptFolder(folder);
+  lookAtBundle(link.target);
+}
+
+}  // namespace platform

@@ -1,0 +1,49 @@
+// Follows paths whose every part may come, go or become a link: all directories on the way are watched for the one name
+// that matters. Used by one thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/linux/DeviceRoot.h"
+#include "platform/linux/RegistryWatcher.h"
+
+namespace platform {
+
+class RegistryPathFollower {
+ public:
+  RegistryPathFollower(std::shared_ptr<const DeviceRoot> root, RegistryWatcher& watcher)
+      : root_(std::move(root)), watcher_(watcher) {}
+
+  // Following a path again looks at the way anew.
+  void follow(const std::string& path);
+  void unfollow(const std::string& path);
+  // After a change on the way of any of them.
+  void refresh();
+  // Whether this name in this directory is on the way of a path, or its end.
+  bool concerns(const std::string& directory, std::string_view name) const;
+
+ private:
+  struct Step {
+    std::string directory, name;
+  };
+  struct Crossing {
+    RegistryWatcher::Hold hold = RegistryWatcher::kNone;
+    std::map<std::string, std::uint32_t, std::less<>> names;
+  };
+  std::vector<Step> walk(const std::string& path);
+  void enter(const Step& step);
+  void leave(const Step& step);
+
+  const std::shared_ptr<const DeviceRoot> root_;
+  RegistryWatcher& watcher_;
+  std::unordered_map<std::string, std::vector<Step>> followed_;
+  std::unordered_map<std::string, Crossing> crossings_;  // by directory
+};
+
+}  // namespace platform
