@@ -73,7 +73,9 @@ PlistValue readEntitlements(const DeviceRoot& root, std::string_view devicePathO
   std::string path = std::string(devicePathOfExecutable).append(kEntitlementsSuffix);
   if (!isSafeComponent(place.name)) return failed(error, fileError(path, EINVAL));
   UniqueFd directory = root.openWithoutLinks(place.folder, O_PATH | O_DIRECTORY);
-  if (!directory) return failed(error, fileError(path, errno));
+  if (!directory && errno != ENOENT) return failed(error, fileError(path, errno));
+  if (!directory && error != nullptr) error->reset();
+  if (!directory) return {};
   return readBeside(directory.get(), place.name, path, error);
 }
 
