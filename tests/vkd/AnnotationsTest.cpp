@@ -1,4 +1,6 @@
 // "annotate", "bulk-annotate": what is stored, what is announced, and what is refused before anything is touched.
+#include <gtest/gtest.h>
+
 #include "tests/vkd/FakeDaemon.h"
 
 namespace vkd::testing {

@@ -1,5 +1,7 @@
 // "match": each filter, the choice among versions, replacement, and that the assembled reply is what encoding the forms
 // would have given.
+#include <gtest/gtest.h>
+
 #include "tests/vkd/FakeDaemon.h"
 #include "vkd/Discovery.h"
 

@@ -1,4 +1,6 @@
 // "lock": who may hold what, how a hold ends, and what it keeps from hosts meanwhile.
+#include <gtest/gtest.h>
+
 #include "tests/vkd/FakeDaemon.h"
 
 namespace vkd::testing {

@@ -1,4 +1,6 @@
 // "ready", "access".
+#include <gtest/gtest.h>
+
 #include "tests/vkd/FakeDaemon.h"
 
 namespace vkd::testing {

@@ -1,4 +1,6 @@
 // "add", "remove", "bulk".
+#include <gtest/gtest.h>
+
 #include "tests/vkd/FakeDaemon.h"
 
 namespace vkd::testing {

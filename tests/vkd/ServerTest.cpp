@@ -1,4 +1,6 @@
 // The command line, the life of the server and of its clients.
+#include <gtest/gtest.h>
+
 #include "tests/vkd/FakeDaemon.h"
 #include "vkd/CommandLine.h"
 #include "vkd/StartupFailure.h"

@@ -1,4 +1,6 @@
 // The frame of every request, in conversations: what is sent, and the one reply that comes back.
+#include <gtest/gtest.h>
+
 #include <new>
 
 #include "tests/vkd/FakeDaemon.h"
