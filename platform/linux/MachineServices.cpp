@@ -14,11 +14,9 @@
 #include "platform/linux/LinuxTypeConformance.h"
 #include "platform/linux/LinuxUserServices.h"
 #include "platform/linux/MessageService.h"
+#include "platform/linux/RegistryCatalon.h"
 #include "platform/linux/RunningInstances.h"
 #include "platform/linux/WorkQueue.h"
-#if __has_include("platform/linux/RegistryCatalon.h")
-#include "platform/linux/RegistryCatalon.h"
-#endif
 
 namespace platform {
 
@@ -48,13 +46,8 @@ Services machineServices() {
   return services;
 }
 
-std::shared_ptr<RegistryWorkspace> openRegistry(const Services&, std::string* reason) {
-#if __has_include("platform/linux/RegistryCatalon.h")
+std::shared_ptr<RegistryWorkspace> openRegistry(const Services& /*services*/, std::string* reason) {
   return makeRegistry(std::make_shared<const DeviceRoot>(DeviceRoot::fromEnvironment()), reason);
-#else
-  if (reason != nullptr) *reason = "no application registry";
-  return nullptr;
-#endif
 }
 
 }  // namespace platform
