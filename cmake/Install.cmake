@@ -1,5 +1,5 @@
 # What `cmake --install` puts where: component `library` for programs that link libVornik, component `daemon` for the
-# daemon with its command-line client. A prefix given at install time wins; nothing installed holds an absolute path.
+# daemon with its command-line client. A prefix given at install time wins: only the service unit names it.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -16,6 +16,9 @@ add_library(Vornik::Vornik ALIAS Vornik)
 set(version_script ${CMAKE_CURRENT_LIST_DIR}/Vornik.map)
 target_link_libraries(Vornik PRIVATE platform)
 target_link_options(Vornik PRIVATE LINKER:--version-script=${version_script})
+if(NOT VORNIK_SANITIZE)
+  target_link_options(Vornik PRIVATE LINKER:--no-undefined)
+endif()
 target_compile_features(Vornik INTERFACE cxx_std_20)
 target_include_directories(Vornik INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(Vornik PROPERTIES
@@ -52,11 +55,23 @@ install(FILES ${CMAKE_BINARY_DIR}/vornik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/
 
 # --- The daemon and its command-line client -------------------------------------------------------------------------
 
-foreach(program vkd vkctl)
-  if(TARGET ${program})
-    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT daemon)
-  endif()
-endforeach()
+if(TARGET vkd)
+  install(TARGETS vkd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT daemon)
+endif()
+if(TARGET vkctl)
+  install(TARGETS vkctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT daemon)
+endif()
+install(FILES share/man/vkctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT daemon)
+install(FILES share/man/vkd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT daemon)
+install(FILES share/completion/vkctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+  RENAME vkctl COMPONENT daemon)
+# The unit names the daemon where this installation puts it.
+install(CODE "
+  file(READ \"${CMAKE_SOURCE_DIR}/share/vkd.service\" unit)
+  string(REPLACE /usr/sbin/vkd \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}/vkd\" unit \"\${unit}\")
+  file(WRITE \"${CMAKE_BINARY_DIR}/vkd.service\" \"\${unit}\")"
+  COMPONENT daemon)
+install(FILES ${CMAKE_BINARY_DIR}/vkd.service DESTINATION lib/systemd/system COMPONENT daemon)
 
 # --- The test of all this -------------------------------------------------------------------------------------------
 

@@ -46,8 +46,4 @@ Services machineServices() {
   return services;
 }
 
-std::shared_ptr<RegistryWorkspace> openRegistry(const Services& /*services*/, std::string* reason) {
-  return makeRegistry(std::make_shared<const DeviceRoot>(DeviceRoot::fromEnvironment()), reason);
-}
-
 }  // namespace platform
