@@ -65,7 +65,7 @@ void BareSocket(benchmark::State& state) {
   near.reset();
   echo.join();
 }
-BENCHMARK(BareSocket)->UseRealTime();
+BENCHMARK(BareSocket)->MeasureProcessCPUTime()->UseRealTime();
 
 // A service that answers each request with the same entries, on its queue.
 struct EchoService {
@@ -110,7 +110,7 @@ void BlockingClient(benchmark::State& state) {
   std::string request = sampleFrame();
   for (auto _ : state) exchange(client.get(), request, request.size());
 }
-BENCHMARK(BlockingClient)->UseRealTime();
+BENCHMARK(BlockingClient)->MeasureProcessCPUTime()->UseRealTime();
 
 // The client library's way: each request is sent from the reply handler of the one before.
 void LibraryClient(benchmark::State& state) {
@@ -138,7 +138,7 @@ void LibraryClient(benchmark::State& state) {
   state.counters["per_request"] = benchmark::Counter(static_cast<double>(state.iterations()) * kRequestsPerRound,
                                                      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
-BENCHMARK(LibraryClient)->UseRealTime();
+BENCHMARK(LibraryClient)->MeasureProcessCPUTime()->UseRealTime();
 
 void EnterFreeQueue(benchmark::State& state) {
   auto queue = makeWorkQueues()->serial("free", WorkQueue::Order::Leaf);
