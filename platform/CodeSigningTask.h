@@ -31,6 +31,8 @@ class CodeSigning {
   // The executable's device path (its plain path when it lies outside the device root); nothing when the process is
   // gone or the path is longer than 2047 bytes.
   virtual std::optional<std::string> executablePath(std::int32_t pid) = 0;
+  // The same of the process that connected; nothing when it is no longer that one, whoever has its id by now.
+  virtual std::optional<std::string> executablePathOfPeer(const AuditToken& peer) { return executablePath(peer.pid()); }
   // What the entitlement file of an executable says, whoever may run it: a dictionary or nothing, and *error when the
   // file does not count or cannot be read. For tools that look at a bundle.
   virtual PlistValue entitlementsOfExecutable(std::string_view /*path*/, std::optional<DomainError>* /*error*/) {

@@ -30,13 +30,14 @@ VKDZypClient::VKDZypClient(const std::shared_ptr<MessageConnection>& connection,
 
 void VKDZypClient::identify(const MessageConnection& connection) {
   const Services& services = server_->services();
-  if (auto found = services.codeSigning->executablePath(pid_)) {
+  const auto token = connection.peerAuditToken();
+  if (auto found = services.codeSigning->executablePathOfPeer(*token)) {
     path_ = std::move(*found);
     bundle_ = VKBundle::initWithExecutableURL(*services.serviceBundles, FileURL{path_});
   }
   VK_LOG(vk_ops(), Debug, "new client %d %s", pid_, path_);
   trace::clientNew(pid_);
-  task_ = services.codeSigning->task(connection.peerAuditToken());
+  task_ = services.codeSigning->task(token);
 }
 
 std::string VKDZypClient::description() const {

@@ -69,7 +69,16 @@ std::unique_ptr<CodeSigningTask> LinuxCodeSigning::task(std::shared_ptr<AuditTok
 std::string hostExecutablePath(std::int32_t pid) { return PeerIdentity::ofProcess(pid)->executablePath(); }
 
 std::optional<std::string> LinuxCodeSigning::executablePath(std::int32_t pid) {
-  std::string hostPath = hostExecutablePath(pid);
+  return devicePath(hostExecutablePath(pid));
+}
+
+std::optional<std::string> LinuxCodeSigning::executablePathOfPeer(const AuditToken& peer) {
+  auto* identity = dynamic_cast<const PeerIdentity*>(&peer);
+  if (identity == nullptr || !identity->stillSame()) return std::nullopt;
+  return devicePath(identity->executablePath());
+}
+
+std::optional<std::string> LinuxCodeSigning::devicePath(const std::string& hostPath) const {
   if (hostPath.empty()) return std::nullopt;
   std::string path = root_->devicePath(hostPath).value_or(hostPath);
   if (path.size() > kMaxExecutablePath) return std::nullopt;

@@ -19,9 +19,12 @@ class LinuxCodeSigning final : public CodeSigning {
   // Never null; a token that is not of this machine belongs to nobody.
   std::unique_ptr<CodeSigningTask> task(std::shared_ptr<AuditToken> token) override;
   std::optional<std::string> executablePath(std::int32_t pid) override;
+  std::optional<std::string> executablePathOfPeer(const AuditToken& peer) override;
   PlistValue entitlementsOfExecutable(std::string_view path, std::optional<DomainError>* error) override;
 
  private:
+  std::optional<std::string> devicePath(const std::string& hostPath) const;
+
   const std::shared_ptr<const DeviceRoot> root_;
 };
 

@@ -134,13 +134,16 @@ TEST_F(CodeSigningOfProcess, DoesNotFollowItIntoAnotherProgram) {
   ChildProgram program(
       {plain, "-c",
        "while [ ! -e " + scratch_.host("/go").string() + " ]; do :; done; exec " + entitled.string() + " 100"});
-  auto identity = task(program.pid());
+  auto peer = PeerIdentity::ofProcess(program.pid());
+  auto identity = signing_.task(peer);
   EXPECT_FALSE(identity->entitlements(&error_));
   EXPECT_FALSE(error_);
+  EXPECT_EQ(signing_.executablePathOfPeer(*peer), "/bin/plain");
   scratch_.write("/go", "");
   ASSERT_TRUE(support::eventually([&] { return signing_.executablePath(program.pid()) == "/bin/entitled"; }));
   EXPECT_FALSE(identity->entitlement("may", &error_));
   EXPECT_TRUE(error_);
+  EXPECT_EQ(signing_.executablePathOfPeer(*peer), std::nullopt);
 }
 
 }  // namespace
