@@ -34,7 +34,8 @@ std::shared_ptr<VKDaemonClient> VKDaemonClient::initWithServiceName(const Servic
     VK_LOG(vk_ops(), Error, "Communications error: %{public}@", eventText(event));
     if (*block) (*block)(event);
   });
-  std::shared_ptr<VKDaemonClient> client(new VKDaemonClient(vkd, std::move(replyQueue), std::move(block)));
+  std::shared_ptr<VKDaemonClient> client(
+      new VKDaemonClient(services.messages, vkd, std::move(replyQueue), std::move(block)));
   vkd->resume();
   return client;
 }

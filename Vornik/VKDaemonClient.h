@@ -96,10 +96,14 @@ class VKDaemonClient {
   void setProtocolVersion(std::int64_t version) { protocolVersion_.store(version, std::memory_order_relaxed); }
 
  private:
-  VKDaemonClient(std::shared_ptr<MessageConnection> vkd, std::shared_ptr<WorkQueue> replyQueue,
-                 std::shared_ptr<ReplyBlock> event)
-      : vkd_(std::move(vkd)), replyQueue_(std::move(replyQueue)), event_(std::move(event)) {}
+  VKDaemonClient(std::shared_ptr<MessageService> messages, std::shared_ptr<MessageConnection> vkd,
+                 std::shared_ptr<WorkQueue> replyQueue, std::shared_ptr<ReplyBlock> event)
+      : messages_(std::move(messages)),
+        vkd_(std::move(vkd)),
+        replyQueue_(std::move(replyQueue)),
+        event_(std::move(event)) {}
 
+  const std::shared_ptr<MessageService> messages_;  // delivers to the connection only as long as somebody holds it
   const std::shared_ptr<MessageConnection> vkd_;
   const std::shared_ptr<WorkQueue> replyQueue_;
   const std::shared_ptr<ReplyBlock> event_;  // shared with the connection's handler; on replyQueue only

@@ -50,6 +50,7 @@ install(FILES ${CMAKE_BINARY_DIR}/VornikConfig.cmake ${CMAKE_BINARY_DIR}/VornikC
 install(EXPORT VornikTargets NAMESPACE Vornik:: DESTINATION ${package_dir} COMPONENT library)
 
 file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/vornik.pc.in ${CMAKE_BINARY_DIR}/vornik.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/vornik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
 

@@ -46,6 +46,15 @@ TEST_F(VKDaemonClientTest, ConnectsToTheUsualOrANamedService) {
   EXPECT_EQ(messages->serviceName, "com.example.other");
 }
 
+// A client made of services that nobody else keeps once lost its connection at the first request.
+TEST_F(VKDaemonClientTest, KeepsTheServiceItsConnectionLivesFrom) {
+  std::weak_ptr<support::FakeMessages> service = messages;
+  messages = nullptr;
+  EXPECT_FALSE(service.expired());
+  client = nullptr;
+  EXPECT_TRUE(service.expired());
+}
+
 TEST_F(VKDaemonClientTest, EachOperationSendsItsRequest) {
   const UUID a{{1}}, b{{2}};
   const std::vector<std::string> paths{"/b", "/a"};

@@ -1,5 +1,6 @@
 #!/bin/sh
-# Installs the library into a scratch prefix and builds the example against it in both ways that other projects do.
+# Installs the library into a scratch prefix, builds the example against it in both ways that other projects do, and runs
+# it with the daemon and without.
 #
 #   InstalledLibraryTest.sh build-directory compiler
 set -eu
@@ -8,21 +9,34 @@ compiler=$2
 tests=$(cd "$(dirname "$0")" && pwd)
 example=$tests/../../examples/discover.cpp
 scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
+daemon=
+trap '[ -z "$daemon" ] || kill "$daemon"; rm -rf "$scratch"' EXIT
 
 fail() {
   echo "InstalledLibraryTest: $1" >&2
   exit 1
 }
 
-# No daemon serves an empty device, and the example says so.
-expect_refusal() {
-  mkdir -p "$scratch/device"
+# Ends with the status; what it printed is in "out" and "err".
+run() {
   status=0
-  VANTREL_ROOT=$scratch/device LD_LIBRARY_PATH=$libraries timeout 10 "$1" com.example.none \
-    >"$scratch/out" 2>"$scratch/err" || status=$?
+  VANTREL_ROOT=$scratch/device LD_LIBRARY_PATH=$libraries timeout 10 "$@" >"$scratch/out" 2>"$scratch/err" || status=$?
+}
+
+expect_refusal() {
+  run "$1" com.example.none
   [ "$status" = 1 ] || fail "$1 ended with $status: $(cat "$scratch/err")"
   grep -q '^discover: ' "$scratch/err" || fail "$1 does not say what is wrong: $(cat "$scratch/err")"
+}
+
+start_daemon() {
+  VANTREL_ROOT=$scratch/device "$build/vkd" 2>"$scratch/log" &
+  daemon=$!
+  for _ in $(seq 100); do
+    [ ! -S "$scratch/device/run/zyp/com.vantrel.vornik.vkd" ] || return 0
+    sleep 0.1
+  done
+  fail "the daemon does not listen: $(cat "$scratch/log")"
 }
 
 cmake --install "$build" --prefix "$scratch/prefix" --component library >"$scratch/log" || fail "$(cat "$scratch/log")"
@@ -38,9 +52,14 @@ flags=$(pkg-config --cflags vornik)
 "$compiler" -std=c++20 -Wall -Wextra -Wpedantic -Werror $flags -fsyntax-only "$scratch/headers.cpp"
 # shellcheck disable=SC2046,SC2086
 "$compiler" -std=c++20 $flags "$example" -o "$scratch/discover" $(pkg-config --libs vornik)
+cp -R "$tests/../../share/device" "$scratch/device"
 expect_refusal "$scratch/discover"
 
 cmake -S "$tests/InstalledLibrary" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$scratch/prefix" \
   -DCMAKE_CXX_COMPILER="$compiler" -DEXAMPLE="$example" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 cmake --build "$scratch/build" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 expect_refusal "$scratch/build/discover"
+
+start_daemon
+run "$scratch/build/discover" com.vantrel.photo-editing
+grep -q '^com.vantrel.crop [0-9.]*$' "$scratch/out" || fail "nothing is discovered: $(cat "$scratch/out" "$scratch/err")"
