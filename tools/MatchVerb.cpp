@@ -84,12 +84,12 @@ int match(Session& session, const MatchOptions& options) {
 
 void addMatch(Verbs& verbs) {
   auto options = std::make_shared<MatchOptions>();
-  CLI::App& verb =
-      verbs.add("match", "Finds the plug-ins that this process may use",
-                {"vkctl match --rule ZoExtensionPointIdentifier=com.vantrel.share-services",
-                 "vkctl match --rule 'ZoExtensionVersion=>=2.1' --rule 'ZoUserElection=[\"0\", \"1\"]' --json"},
-                [options](Session& session) { return match(session, *options); });
-  verb.add_option("--rule", options->rules, "What a plug-in must satisfy; a pattern that is JSON is taken as such")
+  CLI::App& verb = verbs.add("match", "Finds the plug-ins that this process may use",
+                             {"vkctl match --rule ZoExtensionPointIdentifier=com.vantrel.share-services",
+                              "vkctl match --rule 'ZoExtensionVersion=>=2.1' --rule ZoUserElection==1 --json"},
+                             [options](Session& session) { return match(session, *options); });
+  verb.add_option("--rule", options->rules,
+                  "What a plug-in must satisfy; a pattern that is JSON is taken as such, KEY==TEXT is always text")
       ->type_name("KEY=PATTERN")
       ->allow_extra_args(false);
   verb.add_option("--rules", options->rulesFile, "Rules from a file, JSON or property list; - is standard input")

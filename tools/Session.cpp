@@ -69,8 +69,10 @@ std::optional<std::chrono::nanoseconds> Session::timeout() const {
 }
 
 void Session::onConnectionLost(std::function<void()> block) {
-  client().setEventBlock([block = std::move(block)](const Message& /*event*/) {
-    if (block) block();
+  client().setEventBlock([block = std::move(block)](const Message& event) {
+    const auto* error = event.as<Message::ErrorEvent>();
+    bool lost = error != nullptr && error->error != ConnectionError::TerminationImminent;
+    if (lost && block) block();
   });
 }
 
@@ -106,9 +108,11 @@ std::optional<Failure> Session::failureOf(const Message& reply, std::string_view
   }
   if (!error) return std::nullopt;
   std::string text = error->localizedDescription();
-  if (reply.isError()) {
-    bool connected = client().vkd()->peerPid() != 0;
-    if (connected) return Failure(ExitStatus::Failed, serviceName(), "the connection broke: " + text);
+  if (const auto* event = reply.as<Message::ErrorEvent>()) {
+    // This side never cancels its connection: an invalid one is one that could not be made.
+    if (event->error != ConnectionError::Invalid) {
+      return Failure(ExitStatus::Failed, serviceName(), "the connection broke: " + text);
+    }
     return Failure(ExitStatus::Unreachable, serviceName(),
                    "the daemon cannot be reached: " + text + "; is vkd running?");
   }

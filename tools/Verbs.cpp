@@ -108,10 +108,12 @@ int Verbs::run(std::vector<std::string> arguments) {
   std::string name = word != arguments.end() ? *word : "";
   auto chosen = std::ranges::find_if(verbs_, [&](const auto& verb) { return verb.first->get_name() == name; });
   if (!name.empty() && chosen == verbs_.end()) return complainAboutVerb(name);
-  if (auto dashes = std::ranges::find(arguments, "--"); name == "hold" && dashes != arguments.end()) {
+  // The words of a command are not options of ours.
+  bool takesCommand = name == "hold" || name == "launch";
+  if (auto dashes = std::ranges::find(arguments, "--"); takesCommand && dashes != arguments.end()) {
     command_.assign(dashes + 1, arguments.end());
     arguments.erase(dashes, arguments.end());
-    if (command_.empty()) return usageError("hold: no command behind -- (vkctl hold --help)");
+    if (command_.empty()) return usageError(name + ": nothing behind -- (vkctl " + name + " --help)");
   }
   CLI::App* verb = chosen != verbs_.end() ? chosen->first : nullptr;
   try {

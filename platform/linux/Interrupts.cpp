@@ -74,12 +74,11 @@ void endQuietlyOnInterrupt() {
   action.sa_flags = SA_SIGINFO | SA_RESTART;
   sigemptyset(&action.sa_mask);
   for (int number : kEndingSignals) {
-    // What was started with a signal ignored (nohup, a background job) goes on ignoring it.
+    // A hang-up that was ignored when this was started (nohup) stays ignored. An interrupt does not: shells ignore it
+    // for what they start in the background, and what is interrupted together with its script must let go, too.
     struct sigaction before {};
-    if (::sigaction(number, nullptr, &before) == 0 && (before.sa_flags & SA_SIGINFO) == 0 &&
-        before.sa_handler == SIG_IGN) {
-      continue;
-    }
+    bool ignored = number == SIGHUP && ::sigaction(number, nullptr, &before) == 0 && before.sa_handler == SIG_IGN;
+    if (ignored) continue;
     ::sigaction(number, &action, nullptr);
   }
   std::signal(SIGPIPE, SIG_DFL);

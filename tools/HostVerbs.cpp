@@ -1,12 +1,10 @@
-// vkctl ready, vkctl launch, vkctl access: what a host does with the plug-ins that it found.
+// vkctl ready, vkctl access: what a host asks for before it uses plug-ins.
 
 #include <memory>
 #include <span>
 
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKSandboxExtension.h"
-#include "platform/Interrupts.h"
-#include "platform/Terminal.h"
 #include "tools/PlugInNames.h"
 #include "tools/Verbs.h"
 
