@@ -15,6 +15,9 @@ namespace {
 
 // From this size on a part is sent from where it lies; below, copying is cheaper than one more piece.
 constexpr std::size_t kReferencedPartSize = 1024;
+// Bytes between referenced parts share a buffer of about this size: one allocation for hundreds of forms, and small
+// enough that the allocator hands the same memory out again for the next reply.
+constexpr std::size_t kOwnBufferSize = std::size_t{64} << 10;
 
 }  // namespace
 
@@ -29,16 +32,24 @@ SharedSlice Rope::flat() const {
 void PlistEncoder::raw(const SharedSlice& slice) {
   if (slice.size() < kReferencedPartSize || slice.owner() == nullptr) {
     own_ += slice.view();
-  } else {
-    flush();
-    rope_.append(slice);
+    return;
   }
+  references_.push_back({own_.size(), slice});
+  if (own_.size() < kOwnBufferSize) return;
+  flush();
+  own_.reserve(kOwnBufferSize + kReferencedPartSize);
 }
 
 void PlistEncoder::flush() {
-  if (own_.empty()) return;
-  rope_.append(SharedSlice::take(std::move(own_)));
-  own_ = std::string();
+  const SharedSlice own = SharedSlice::take(std::exchange(own_, std::string()));
+  std::size_t from = 0;
+  for (Reference& reference : references_) {
+    rope_.append(own.part(from, reference.offset - from));
+    rope_.append(std::move(reference.part));
+    from = reference.offset;
+  }
+  rope_.append(own.part(from, own.size() - from));
+  references_.clear();
 }
 
 Rope PlistEncoder::take() {

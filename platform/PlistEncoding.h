@@ -56,9 +56,16 @@ class PlistEncoder {
   Rope take();
 
  private:
+  struct Reference {
+    std::size_t offset;  // in own_
+    SharedSlice part;
+  };
+
   void container(const PlistValue& value);
   void flush();
-  std::string own_;  // what is not yet in the rope
+  // What is not yet in the rope: bytes, and the parts that stand between them.
+  std::string own_;
+  std::vector<Reference> references_;
   Rope rope_;
 };
 

@@ -21,7 +21,7 @@ Verdict HostPolicy::allow(const VKDPlugIn& plugIn) const {
       return verdict;
     }
   }
-  const PlistValue needed = plugIn.pluginKey(kVKExtensionHostEntitlement);
+  const PlistValue& needed = plugIn.hostEntitlement();
   // What is no string names no entitlement that a host could hold.
   if (needed && !(needed.isString() && client_.hasEntitlement(needed.stringValue()))) {
     return Verdict::refused(Verdict::Filter::HostEntitlement, kVKExtensionHostEntitlement, needed);

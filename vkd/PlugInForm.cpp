@@ -45,69 +45,42 @@ bool isAddition(std::string_view key) {
   return key == kVKFormAnnotations || key == kVKFormExtensions || key == kVKFormOverrider || key == kVKFormOverriding;
 }
 
-// The texts that a request looks at, as ranges of the bytes that are kept.
-struct Range {
-  std::size_t offset = 0, length = 0;
-  std::string_view of(std::string_view bytes) const { return bytes.substr(offset, length); }
-};
-
 }  // namespace
 
 PlugInForm::PlugInForm(const PlistValue& form)
     : systemResident_(form[kVKFormSystemResident].boolValue()), lastModified_(form[kVKFormLastModified].intValue()) {
-  struct Part {
-    std::size_t ownEnd;    // the part's own bytes go to here,
-    SharedSlice referred;  // and are followed by these
-    Section section;
+  std::size_t section = BeforeExtensions;
+  const auto endSections = [&](std::size_t upTo) {
+    while (section < upTo) ends_[section++] = kept_.size();
   };
-  std::string own;
-  std::vector<Part> parts;
-  Range identifier, version, uuid;
-  Section section = BeforeExtensions;
-  const auto endSection = [&](Section next) {
-    while (section < next) {
-      parts.push_back({own.size(), {}, section});
-      section = static_cast<Section>(section + 1);
-    }
-  };
+  // Where a text that requests look at begins, until kept_ stays where it is.
+  std::size_t identifier = 0, version = 0, uuid = 0;
   for (const auto& [key, value] : form.entries()) {
-    if (key > kVKFormExtensions) endSection(BeforeOverrides);
-    if (key > kVKFormOverriding) endSection(AfterOverrides);
+    if (key > kVKFormExtensions) endSections(BeforeOverrides);
+    if (key > kVKFormOverriding) endSections(AfterOverrides);
     if (isAddition(key)) continue;
     ++count_;
+    size_ += entrySize(key, value.encodedSize());
     SharedSlice lying = value.encoded();
-    if (lying.size() >= kReferredSize && lying.owner() != nullptr) {
-      own += encodedEntry(key, PlistValue());
-      parts.push_back({own.size(), std::move(lying), section});
+    if (lying.size() >= kReferredSize && lying.owner() != nullptr && referenceCount_ < kMaxReferences) {
+      kept_ += encodedEntry(key, PlistValue());
+      references_[referenceCount_++] = Reference{kept_.size(), std::move(lying)};
       continue;
     }
-    own += encodedEntry(key, value);
-    const Range text{own.size() - value.stringValue().size(), value.stringValue().size()};
+    kept_ += encodedEntry(key, value);
+    const std::size_t text = kept_.size() - value.stringValue().size();
     if (key == kVKFormIdentifier) identifier = text;
     if (key == kVKFormVersion) version = text;
     if (key == kVKFormUUID) uuid = text;
   }
-  endSection(SectionCount);
-
-  own.shrink_to_fit();
-  const SharedSlice bytes = SharedSlice::take(std::move(own));
-  identifier_ = identifier.of(bytes.view());
-  version_ = version.of(bytes.view());
-  uuid_ = uuid.of(bytes.view());
-  std::size_t from = 0;
-  for (Part& part : parts) {
-    addPiece(bytes.part(from, part.ownEnd - from));
-    addPiece(std::move(part.referred));
-    from = part.ownEnd;
-    ends_[part.section] = static_cast<std::uint32_t>(pieces_.size());
-  }
-  pieces_.shrink_to_fit();
-}
-
-void PlugInForm::addPiece(SharedSlice bytes) {
-  if (bytes.size() == 0) return;
-  size_ += bytes.size();
-  pieces_.push_back(std::move(bytes));
+  endSections(SectionCount);
+  kept_.shrink_to_fit();
+  const auto textAt = [&](std::string_view key, std::size_t offset) {
+    return std::string_view(kept_).substr(offset, form[key].stringValue().size());
+  };
+  identifier_ = textAt(kVKFormIdentifier, identifier);
+  version_ = textAt(kVKFormVersion, version);
+  uuid_ = textAt(kVKFormUUID, uuid);
 }
 
 PlugInForm::Content PlugInForm::content(const Additions& additions) const {
@@ -127,24 +100,30 @@ std::uint64_t PlugInForm::encodedSize(const Additions& additions) const {
 }
 
 void PlugInForm::append(PlistEncoder& encoder, const Additions& additions) const {
+  std::size_t position = 0, reference = 0;
+  const auto appendSection = [&](Section section) {
+    for (; reference < referenceCount_ && references_[reference].offset <= ends_[section]; ++reference) {
+      const Reference& next = references_[reference];
+      encoder.raw(std::string_view(kept_).substr(position, next.offset - position));
+      encoder.raw(next.part);
+      position = next.offset;
+    }
+    encoder.raw(std::string_view(kept_).substr(position, ends_[section] - position));
+    position = ends_[section];
+  };
   const Content whole = content(additions);
   encoder.dictionaryHead(whole.size, whole.count);
   encoder.key(kVKFormAnnotations);
   encoder.value(annotationsOrEmpty(additions));
-  appendSection(encoder, BeforeExtensions);
+  appendSection(BeforeExtensions);
   if (additions.extensions) {
     encoder.key(kVKFormExtensions);
     encoder.value(additions.extensions);
   }
-  appendSection(encoder, BeforeOverrides);
+  appendSection(BeforeOverrides);
   appendText(encoder, kVKFormOverrider, additions.overrider);
   appendText(encoder, kVKFormOverriding, additions.overriding);
-  appendSection(encoder, AfterOverrides);
-}
-
-void PlugInForm::appendSection(PlistEncoder& encoder, Section section) const {
-  const std::size_t first = section == BeforeExtensions ? 0 : ends_[section - 1];
-  for (std::size_t i = first; i < ends_[section]; ++i) encoder.raw(pieces_[i]);
+  appendSection(AfterOverrides);
 }
 
 }  // namespace vkd

@@ -10,9 +10,10 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/PlistEncoding.h"
 #include "platform/PlistValue.h"
@@ -31,6 +32,8 @@ class PlugInForm {
 
   // `form` is an exported form; entries that a request adds are left aside.
   explicit PlugInForm(const platform::PlistValue& form);
+  PlugInForm(const PlugInForm&) = delete;
+  PlugInForm& operator=(const PlugInForm&) = delete;
 
   std::string_view identifier() const { return identifier_; }
   std::string_view version() const { return version_; }
@@ -43,7 +46,7 @@ class PlugInForm {
   void append(platform::PlistEncoder& encoder, const Additions& additions) const;
 
  private:
-  // Between the entries that a request adds.
+  // The entries between those that a request adds.
   enum Section : std::size_t { BeforeExtensions, BeforeOverrides, AfterOverrides, SectionCount };
   // What stands behind the head of the whole form.
   struct Content {
@@ -51,15 +54,23 @@ class PlugInForm {
     std::uint32_t count;
   };
 
-  void addPiece(platform::SharedSlice bytes);
-  Content content(const Additions& additions) const;
-  void appendSection(platform::PlistEncoder& encoder, Section section) const;
+  // A part that lies elsewhere, in front of the kept byte at `offset`.
+  struct Reference {
+    std::size_t offset = 0;
+    platform::SharedSlice part;
+  };
+  // Only these entries of a form are containers.
+  static constexpr std::size_t kMaxReferences = 3;
 
-  std::vector<platform::SharedSlice> pieces_;       // of all sections, in order
-  std::array<std::uint32_t, SectionCount> ends_{};  // of each section in pieces_
-  std::uint32_t count_ = 0;                         // entries in the pieces
-  std::uint64_t size_ = 0;                          // and their bytes
-  std::string_view identifier_, version_, uuid_;    // parts of the pieces
+  Content content(const Additions& additions) const;
+
+  std::string kept_;
+  std::array<Reference, kMaxReferences> references_;
+  std::uint32_t referenceCount_ = 0;
+  std::array<std::size_t, SectionCount> ends_{};  // of each section in kept_
+  std::uint32_t count_ = 0;                       // entries of all sections
+  std::uint64_t size_ = 0;                        // and their bytes
+  std::string_view identifier_, version_, uuid_;  // parts of kept_
   bool systemResident_ = false;
   std::int64_t lastModified_ = 0;
 };

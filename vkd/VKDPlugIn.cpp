@@ -51,6 +51,8 @@ bool VKDPlugIn::setUp(std::shared_ptr<RegistryPlugInRecord> record) {
   if (PlistValue replaced = valueForEntitlement(kVKEntitlementReplacePlugIn); replaced.isString()) {
     replacedIdentifier_ = std::move(replaced);
   }
+  dedicated_ = VKPlugInCore::isDedicated();
+  hostEntitlement_ = pluginKey(kVKExtensionHostEntitlement);
   return true;
 }
 

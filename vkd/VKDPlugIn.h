@@ -64,6 +64,10 @@ class VKDPlugIn final : public VKPlugInCore {
 
   std::optional<DomainError> diagnose() const override;
 
+  // What discovery asks of every candidate: looked up once, since a record does not change.
+  bool isDedicated() const { return dedicated_; }
+  const PlistValue& hostEntitlement() const { return hostEntitlement_; }  // "ZoExtensionHostEntitlement", or nothing
+
   // --- Entitlements and annotation key -------------------------------------------------------------------------------
 
   PlistValue valueForEntitlement(std::string_view name) const { return entitlements()[name]; }
@@ -124,6 +128,8 @@ class VKDPlugIn final : public VKPlugInCore {
   const Surroundings& surroundings_;
   std::shared_ptr<RegistryPlugInRecord> alproxy_;
   PlistValue replacedIdentifier_;  // a string, or nothing
+  PlistValue hostEntitlement_;
+  bool dedicated_ = false;
   SetOnce<PlugInForm> form_;
   SetOnce<PlistValue> extensions_;
 };
