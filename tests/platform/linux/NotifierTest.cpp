@@ -96,20 +96,23 @@ TEST_F(Notifications, RemoveTheSocketsOfTheDead) {
 
 TEST_F(Notifications, CrossUsersAndTakeNoNoticeOfWhatElseLiesThere) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs two users";
-  std::atomic<int> heard{0};
-  auto subscription = notifier_.subscribe(kName, [&] { ++heard; });
-  std::string folder = "/run/notify/" + std::string(kName);
-  scratch_.write(folder + "/file", "");
-  scratch_.link("/dev/log", folder + "/link");
-  ASSERT_EQ(::mkfifo(scratch_.host(folder + "/fifo").c_str(), 0666), 0);
+  const std::string folder = "/run/notify/" + std::string(kName);
+  // Started while there is one thread only, since it starts one of its own.
   ChildProgram stranger([&] {
     if (::setgid(12345) != 0 || ::setuid(12345) != 0) return 1;
+    eventually([&] { return std::filesystem::exists(scratch_.host("/go")); });
     notifier_.post(kName);
     auto own = notifier_.subscribe(kName, [] {});
     // He may have a socket there, and take nobody's away.
     bool removed = ::unlink(scratch_.host(folder + "/file").c_str()) == 0;
     return own != nullptr && !removed ? 0 : 2;
   });
+  std::atomic<int> heard{0};
+  auto subscription = notifier_.subscribe(kName, [&] { ++heard; });
+  scratch_.write(folder + "/file", "");
+  scratch_.link("/dev/log", folder + "/link");
+  ASSERT_EQ(::mkfifo(scratch_.host(folder + "/fifo").c_str(), 0666), 0);
+  scratch_.write("/go", "");
   EXPECT_EQ(stranger.wait(), 0);
   EXPECT_TRUE(eventually([&] { return heard == 1; }));
 }
