@@ -1,5 +1,7 @@
 #include "vkd/Discovery.h"
 
+#include <bit>
+
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKLog.h"
 #include "Vornik/VKProtocol.h"
@@ -18,15 +20,33 @@ bool isNewer(const PlugInForm& form, const PlugInForm& accepted) {
   return form.lastModified() > accepted.lastModified();
 }
 
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// The same for versions that compare as the same: leading zeros do not count.
+std::size_t hashVersion(std::string_view version) {
+  std::size_t hash = 0;
+  bool inNumber = false;
+  for (const char c : version) {
+    if (c == '0' && !inNumber) continue;
+    inNumber = isDigit(c);
+    hash = hash * 31 + static_cast<unsigned char>(c);
+  }
+  return hash;
+}
+
 }  // namespace
 
-Discovery::Discovery(VKDServer& server, const VKDZypClient& client, const PlistValue& rules, std::uint64_t flags)
+Discovery::Discovery(VKDServer& server, const VKDZypClient& client, const PlistValue& rules, std::uint64_t flags,
+                     std::size_t candidateCount)
     : server_(server),
       client_(client),
       flags_(flags),
       rules_(rules),
       exclusions_(server.userPrefs().exclusionRules()),
-      annotations_(server.annotationSnapshot()) {}
+      annotations_(server.annotationSnapshot()),
+      buckets_(std::bit_ceil(candidateCount + 1), kNone) {
+  results_.reserve(candidateCount);
+}
 
 Verdict Discovery::consider(const std::shared_ptr<VKDPlugIn>& plugIn) {
   if (Verdict verdict = filter(*plugIn); !verdict) return verdict;
@@ -91,26 +111,40 @@ Verdict Discovery::filterHost(const VKDPlugIn& plugIn) {
   return verdict;
 }
 
-// Among the accepted plug-ins of the same identifier, in the order of their acceptance. At most one rival is driven
-// out.
+// At most one rival is driven out.
 Verdict Discovery::selectVersion(const PlugInForm& form) {
   const bool allVersions = has(VKDiscoverAllVersions);
   if (allVersions && has(VKDiscoverDuplicates)) return Verdict();
-  auto rivals = byIdentifier_.find(form.identifier());
-  if (rivals == byIdentifier_.end()) return Verdict();
-  for (std::size_t at = rivals->second.first; at != kNone; at = results_[at].nextOfIdentifier) {
-    Result& rival = results_[at];
-    if (rival.removed) continue;
-    const auto order = compareVersionString(form.version(), rival.form->version());
-    if (allVersions && order != 0) continue;
-    if (order < 0 || (order == 0 && !isNewer(form, *rival.form))) {
-      return Verdict::refused(Verdict::Filter::Version, rival.plugIn->uuid());
-    }
-    rival.removed = true;
-    --size_;
-    break;
+  std::uint32_t* rivalLink = rivalOf(form, bucketOf(form));
+  if (rivalLink == nullptr) return Verdict();
+  Result& rival = results_[*rivalLink];
+  const auto order = compareVersionString(form.version(), rival.form->version());
+  if (order < 0 || (order == 0 && !isNewer(form, *rival.form))) {
+    return Verdict::refused(Verdict::Filter::Version, rival.plugIn->uuid());
   }
+  *rivalLink = rival.next;
+  rival.removed = true;
+  --size_;
   return Verdict();
+}
+
+std::uint32_t* Discovery::rivalOf(const PlugInForm& form, std::uint32_t& bucket) {
+  for (std::uint32_t* link = &bucket; *link != kNone; link = &results_[*link].next) {
+    if (compete(form, *results_[*link].form)) return link;
+  }
+  return nullptr;
+}
+
+// Plug-ins of one identifier; when all its versions are wanted, those of one version.
+bool Discovery::compete(const PlugInForm& form, const PlugInForm& other) const {
+  if (form.identifier() != other.identifier()) return false;
+  return !has(VKDiscoverAllVersions) || compareVersionString(form.version(), other.version()) == 0;
+}
+
+std::uint32_t& Discovery::bucketOf(const PlugInForm& form) {
+  std::size_t hash = std::hash<std::string_view>()(form.identifier());
+  if (has(VKDiscoverAllVersions)) hash += hashVersion(form.version());
+  return buckets_[hash & (buckets_.size() - 1)];
 }
 
 void Discovery::accept(const std::shared_ptr<VKDPlugIn>& plugIn, const PlugInForm& form) {
@@ -118,12 +152,9 @@ void Discovery::accept(const std::shared_ptr<VKDPlugIn>& plugIn, const PlugInFor
   PlugInForm::Additions additions;
   additions.annotations = annotations_->annotation(plugIn->annotationKey());
   additions.extensions = plugIn->resourceExtensions();
-  results_.push_back(Result{plugIn, &form, std::move(additions), false, kNone});
-  auto [rivals, isFirst] = byIdentifier_.try_emplace(form.identifier(), Rivals{at, at});
-  if (!isFirst) {
-    results_[rivals->second.last].nextOfIdentifier = at;
-    rivals->second.last = at;
-  }
+  std::uint32_t& bucket = bucketOf(form);
+  results_.push_back(Result{plugIn, &form, std::move(additions), false, bucket});
+  bucket = static_cast<std::uint32_t>(at);
   ++size_;
   noteReplacements(*plugIn, at);
 }

@@ -1,7 +1,7 @@
 // One "match" request at work: takes candidates one after another, keeps those that the host may use and that win over
 // other versions of themselves, and encodes their forms for the reply.
 //
-//   Discovery discovery(server, client, rules, flags);
+//   Discovery discovery(server, client, rules, flags, candidates.size());
 //   for (const auto& plugIn : candidates) discovery.consider(plugIn);
 //   discovery.applyOverrides();
 //   reply.set("matches", *discovery.encodedForms());
@@ -14,7 +14,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -32,7 +31,8 @@ class Discovery {
  public:
   // Rules are a dictionary or nothing. Annotations are read as they are now: after the candidates were looked up, since
   // that may elect some of them.
-  Discovery(VKDServer& server, const VKDZypClient& client, const PlistValue& rules, std::uint64_t flags);
+  Discovery(VKDServer& server, const VKDZypClient& client, const PlistValue& rules, std::uint64_t flags,
+            std::size_t candidateCount);
 
   // Passed, or which filter left the candidate out.
   Verdict consider(const std::shared_ptr<VKDPlugIn>& plugIn);
@@ -52,13 +52,9 @@ class Discovery {
     const PlugInForm* form;
     PlugInForm::Additions additions;
     bool removed;
-    std::size_t nextOfIdentifier;
+    std::uint32_t next;  // in its bucket
   };
-  // The results of one identifier, in the order of their acceptance.
-  struct Rivals {
-    std::size_t first, last;
-  };
-  static constexpr std::size_t kNone = SIZE_MAX;
+  static constexpr std::uint32_t kNone = UINT32_MAX;
 
   bool has(std::uint64_t flag) const { return (flags_ & flag) != 0; }
 
@@ -70,8 +66,15 @@ class Discovery {
   Verdict filterHold(const VKDPlugIn& plugIn) const;
   Verdict filterExclusions(const VKDPlugIn& plugIn) const;
   Verdict filterHost(const VKDPlugIn& plugIn);
-  Verdict selectVersion(const PlugInForm& form);
 
+  // --- Choice among versions -----------------------------------------------------------------------------------------
+
+  // Of the accepted plug-ins at most one competes with a candidate: they competed with each other when they came. This
+  // is where it is referred to, or null.
+  std::uint32_t* rivalOf(const PlugInForm& form, std::uint32_t& bucket);
+  bool compete(const PlugInForm& form, const PlugInForm& other) const;
+  std::uint32_t& bucketOf(const PlugInForm& form);
+  Verdict selectVersion(const PlugInForm& form);
   void accept(const std::shared_ptr<VKDPlugIn>& plugIn, const PlugInForm& form);
   void noteReplacements(const VKDPlugIn& plugIn, std::size_t result);
 
@@ -88,7 +91,8 @@ class Discovery {
 
   std::vector<Result> results_;
   std::size_t size_ = 0;  // of results_, the removed left aside
-  std::unordered_map<std::string_view, Rivals> byIdentifier_;
+  // The first result of each bucket, by what competitors have in common.
+  std::vector<std::uint32_t> buckets_;
   std::unordered_map<std::string, std::size_t> replacements_;  // replaced identifier → result that replaces it
 };
 

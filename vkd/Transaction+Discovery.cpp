@@ -22,7 +22,7 @@ void Transaction::matchPlugIns() {
   }
   const VKDPlugIns candidates = server().findPlugIns(rules).value_or(VKDPlugIns());
   trace::discoverRaw(static_cast<unsigned>(candidates.size()));
-  Discovery discovery(server(), *client_, rules, flags);
+  Discovery discovery(server(), *client_, rules, flags, candidates.size());
   for (const auto& candidate : candidates) discovery.consider(candidate);
   discovery.applyOverrides();
   VK_LOG(vk_ops(), Info, "match returned %u plug-ins", discovery.size());

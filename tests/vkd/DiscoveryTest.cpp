@@ -210,9 +210,10 @@ TEST_F(DiscoveryRequest, ComparesEachVersionWithItsOwnCopiesOnly) {
   auto one = install("a", "1", 1);
   auto two = install("a", "2", 1);
   auto laterTwo = install("a", "2.0", 2);
-  auto latestOne = install("a", "1", 3);
+  auto latestOne = install("a", "01", 3);
   auto laterOne = install("a", "1", 2);
-  EXPECT_EQ(column(match(kAllVersions), "uuid"), uuidsOf({two, laterTwo, latestOne})) << "2 and 2.0 differ";
+  EXPECT_EQ(column(match(kAllVersions), "uuid"), uuidsOf({two, laterTwo, latestOne}))
+      << "2 and 2.0 differ, 1 and 01 do not";
   EXPECT_EQ(column(match(), "uuid"), uuidsOf({laterTwo}));
   EXPECT_EQ(column(match(kAllVersions | kDuplicates), "uuid"), uuidsOf({one, two, laterTwo, latestOne, laterOne}));
 }
@@ -250,7 +251,7 @@ TEST_F(DiscoveryRequest, TellsWhichFilterDecided) {
   auto lost = install("a", "1");
   auto refused = install("b");
   client.object()->beginRequest();
-  Discovery discovery(*daemon.server, *client.object(), PlistBuilder().set(kVKRuleIdentifier, "a").take(), 0);
+  Discovery discovery(*daemon.server, *client.object(), PlistBuilder().set(kVKRuleIdentifier, "a").take(), 0, 3);
   EXPECT_TRUE(discovery.consider(daemon.server->findPlugIn(*kept->uuid)));
   const Verdict byVersion = discovery.consider(daemon.server->findPlugIn(*lost->uuid));
   EXPECT_EQ(byVersion.filter, Verdict::Filter::Version);
