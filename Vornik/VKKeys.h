@@ -5,24 +5,27 @@
 
 #include <string_view>
 
+#include "platform/ManifestKeys.h"
+
 namespace Vornik {
 
 // --- Manifest, top level -------------------------------------------------------------------------------------------
 
-inline constexpr std::string_view kVKExtension = "ZoExtension";  // the plug-in section
-inline constexpr std::string_view kVKLegacySection = "Vornik";   // the section of a legacy-style plug-in
-inline constexpr std::string_view kVKBundleIdentifier = "KvBundleIdentifier";
-inline constexpr std::string_view kVKBundleShortVersionString = "KvBundleShortVersionString";
+inline constexpr std::string_view kVKExtension = platform::manifest_key::Section;  // the plug-in section
+inline constexpr std::string_view kVKLegacySection =
+    platform::manifest_key::LegacySection;  // the section of a legacy-style plug-in
+inline constexpr std::string_view kVKBundleIdentifier = platform::manifest_key::BundleIdentifier;
+inline constexpr std::string_view kVKBundleShortVersionString = platform::manifest_key::ShortVersion;
 inline constexpr std::string_view kVKBundleInfoPlistURL = "KvBundleInfoPlistURL";  // never exported
 inline constexpr std::string_view kVKBundlePackageType = "KvBundlePackageType";
 inline constexpr std::string_view kVKService = "ZYPService";  // the service description
 
 // --- Manifest, plug-in section -------------------------------------------------------------------------------------
 
-inline constexpr std::string_view kVKExtensionAttributes = "ZoExtensionAttributes";
-inline constexpr std::string_view kVKExtensionIdentifier = "ZoExtensionIdentifier";
-inline constexpr std::string_view kVKExtensionPointIdentifier = "ZoExtensionPointIdentifier";
-inline constexpr std::string_view kVKExtensionProtocol = "ZoExtensionProtocol";
+inline constexpr std::string_view kVKExtensionAttributes = platform::manifest_key::Attributes;
+inline constexpr std::string_view kVKExtensionIdentifier = platform::manifest_key::Identifier;
+inline constexpr std::string_view kVKExtensionPointIdentifier = platform::manifest_key::Point;
+inline constexpr std::string_view kVKExtensionProtocol = platform::manifest_key::Protocol;
 inline constexpr std::string_view kVKExtensionHostEntitlement = "ZoExtensionHostEntitlement";
 inline constexpr std::string_view kVKPrincipalClass = "PrincipalClass";
 inline constexpr std::string_view kVKEmbeddedCode = "EmbeddedCode";
@@ -46,7 +49,7 @@ inline constexpr std::string_view kVKUsesEmbeddedCode = "UsesEmbeddedCode";
 
 // --- Manifest, attributes ------------------------------------------------------------------------------------------
 
-inline constexpr std::string_view kVKExtensionVersion = "ZoExtensionVersion";
+inline constexpr std::string_view kVKExtensionVersion = platform::manifest_key::Version;
 inline constexpr std::string_view kVKRequestsOpenAccess = "RequestsOpenAccess";
 
 // --- Manifest, values that mean something --------------------------------------------------------------------------
@@ -103,9 +106,9 @@ inline constexpr std::string_view kVKFormURL = "url";
 
 inline constexpr std::string_view kVKRuleEntitlementPrefix = "ENTITLEMENT:";  // followed by the entitlement's name
 inline constexpr std::string_view kVKRuleIdentifier = kVKExtensionIdentifier;
-inline constexpr std::string_view kVKRuleUUID = "com.vantrel.uuid";
+inline constexpr std::string_view kVKRuleUUID = platform::query_key::UUID;
 inline constexpr std::string_view kVKRuleUserElection = "ZoUserElection";
-inline constexpr std::string_view kVKRuleContainingApp = "ZoExtensionContainingApp";
+inline constexpr std::string_view kVKRuleContainingApp = platform::query_key::ContainingApp;
 
 // Patterns that test a type; the type follows.
 inline constexpr std::string_view kVKPatternTypePrefix = "?";

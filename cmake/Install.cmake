@@ -33,7 +33,7 @@ install(TARGETS Vornik EXPORT VornikTargets
 
 file(GLOB model_headers CONFIGURE_DEPENDS Vornik/*.h)
 install(FILES ${model_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vornik COMPONENT library)
-foreach(header CodeSigningTask ConsentService DomainError FileSystem FileURL Format Log Message MessageConnection
+foreach(header CodeSigningTask ConsentService DomainError FileSystem FileURL Format Log ManifestKeys Message MessageConnection
     PlistEncoding PlistValue Registry Rules SandboxService ServiceBundle ServiceManager Services SharedBytes UUID
     UserServices WorkQueue)
   install(FILES platform/${header}.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/platform COMPONENT library)

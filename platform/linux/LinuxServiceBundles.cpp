@@ -5,13 +5,12 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/ManifestKeys.h"
 #include "platform/linux/BundleLayout.h"
 #include "platform/linux/LinuxCodeSigning.h"
 
 namespace platform {
 namespace {
-
-constexpr std::string_view kBundleIdentifierKey = "KvBundleIdentifier";
 
 // A bundle whose manifest is read at the first question that needs it.
 class BundleOnDisk {
@@ -79,7 +78,7 @@ class LinuxCoreBundle final : public CoreBundle {
 
   std::string description() const override { return "<CoreBundle " + bundle_.layout().path() + ">"; }
   std::optional<std::string> bundleIdentifier() const override {
-    PlistValue identifier = bundle_.manifest()[kBundleIdentifierKey];
+    PlistValue identifier = bundle_.manifest()[manifest_key::BundleIdentifier];
     if (!identifier.isString()) return std::nullopt;
     return std::string(identifier.stringValue());
   }

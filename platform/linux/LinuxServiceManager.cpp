@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/ManifestKeys.h"
 #include "platform/linux/BundleLayout.h"
 
 namespace platform {
@@ -37,8 +38,8 @@ int LinuxServiceManager::addExternalService(std::int32_t hostPid, std::string_vi
   ExternalService service{*host, std::move(*executable), {}, {}, overlay.toPlist(), machineNow()};
   if (std::optional<BundleLayout> bundle = BundleLayout::ofExecutable(*root_, executablePath)) {
     PlistValue manifest = bundle->readManifest(*root_);
-    service.bundleIdentifier = manifest["KvBundleIdentifier"].stringValue();
-    service.bundleVersion = manifest["KvBundleVersion"].stringValue();
+    service.bundleIdentifier = manifest[manifest_key::BundleIdentifier].stringValue();
+    service.bundleVersion = manifest[manifest_key::BundleVersion].stringValue();
   }
   int error = services_->record(service);
   if (error == 0) remover_.recordsExist();

@@ -8,29 +8,12 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/ManifestKeys.h"
 #include "platform/PlistValue.h"
 #include "platform/SharedBytes.h"
 #include "platform/UUID.h"
 
 namespace platform {
-
-// Keys that the registry reads in a manifest.
-namespace manifest_key {
-inline constexpr std::string_view Section = "ZoExtension";
-inline constexpr std::string_view LegacySection = "Vornik";
-inline constexpr std::string_view Attributes = "ZoExtensionAttributes";
-inline constexpr std::string_view Version = "ZoExtensionVersion";
-inline constexpr std::string_view Point = "ZoExtensionPointIdentifier";
-inline constexpr std::string_view Identifier = "ZoExtensionIdentifier";
-inline constexpr std::string_view Protocol = "ZoExtensionProtocol";
-inline constexpr std::string_view BundleIdentifier = "KvBundleIdentifier";
-inline constexpr std::string_view BundleVersion = "KvBundleVersion";
-inline constexpr std::string_view ShortVersion = "KvBundleShortVersionString";
-inline constexpr std::string_view Name = "KvBundleDisplayName";
-inline constexpr std::string_view ShortName = "KvBundleName";
-inline constexpr std::string_view Placeholder = "CatalonPlaceholder";
-inline constexpr std::string_view DataContainer = "CatalonDataContainer";
-}  // namespace manifest_key
 
 // A file's state, to see whether it changed; all zero when there is no regular file. Says nothing of the device, whose
 // number may be another after a restart of the machine.

@@ -8,8 +8,8 @@ namespace platform {
 namespace {
 
 // Rule keys that have an index, in the order of the indexes.
-constexpr std::string_view kIndexedKeys[] = {manifest_key::Point, manifest_key::Identifier, "com.vantrel.uuid",
-                                             "ZoExtensionContainingApp"};
+constexpr std::string_view kIndexedKeys[] = {manifest_key::Point, manifest_key::Identifier, query_key::UUID,
+                                             query_key::ContainingApp};
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
