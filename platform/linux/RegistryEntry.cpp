@@ -95,7 +95,9 @@ RegistryEntry RegistryEntry::fromPayload(const SharedSlice& payload) {
 
 RegistryEntry RegistryEntry::marked(bool requested, bool withdrawn) const {
   if (requested == isRequested() && withdrawn == isWithdrawn()) return *this;
-  return RegistryEntry(PlistBuilder(value_).set(kRequested, flag(requested)).set(kWithdrawn, flag(withdrawn)).take());
+  PlistBuilder builder(value_);
+  builder.set(kRequested, flag(requested)).set(kWithdrawn, flag(withdrawn));
+  return RegistryEntry(compactPlist(builder.take()));
 }
 
 bool RegistryEntry::isRegistration() const { return value_[kUUID].dataValue().size() == sizeof(UUID); }

@@ -109,14 +109,23 @@ std::string datedName(int attempt) {
 
 }  // namespace
 
+// Nothing is made before there is something to keep.
 bool RegistryStore::openFolder() {
-  folder_ = root_->makeDirectories(kDirectory, kFolderMode, true);
-  if (!folder_) {
+  folder_ = root_->open(kDirectory, O_RDONLY | O_DIRECTORY);
+  if (!folder_ && errno != ENOENT) {
     VK_LOG(defaultLog(), Error, "registrations will not survive a restart: %{public}@", text(errno));
-    return false;
+    writable_ = false;
   }
+  if (folder_) lockFolder();
+  return static_cast<bool>(folder_);
+}
+
+bool RegistryStore::makeFolder() {
+  folder_ = root_->makeDirectories(kDirectory, kFolderMode);
+  if (!folder_) return false;
+  parentsFlushDue_ = true;
   lockFolder();
-  return true;
+  return writable_;
 }
 
 void RegistryStore::lockFolder() {
@@ -125,11 +134,11 @@ void RegistryStore::lockFolder() {
     if (errno != EINTR && (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline)) {
       VK_LOG(defaultLog(), Error, "registrations will not survive a restart, %{public}@ is in use: %{public}@",
              kDirectory, text(errno));
+      writable_ = false;
       return;
     }
     std::this_thread::sleep_for(kLockPause);
   }
-  writable_ = true;
 }
 
 // Leaves file_ invalid when there is none or none that can be read.
@@ -241,6 +250,7 @@ bool RegistryStore::isRewriteDue() const {
 bool RegistryStore::append() {
   bool mend = rewriteDue_ && !places_.empty();
   if (!writable_ || (pending_.empty() && !mend)) return true;
+  if (!folder_ && !makeFolder()) return failed("write");
   if (!file_ && !createFile()) return failed("write");
   if (!(isRewriteDue() ? rewrite() : appendPending())) return failed("write");
   pending_.clear();
@@ -356,9 +366,20 @@ bool RegistryStore::sync() {
     return failed("flush");
   }
   if (folderFlushDue_ && ::fsync(folder_.get()) != 0) return failed("flush");
+  if (parentsFlushDue_ && !flushParents()) return failed("flush");
   folderFlushDue_ = false;
+  parentsFlushDue_ = false;
   flushDue_ = false;
   return pending_.empty();
+}
+
+bool RegistryStore::flushParents() const {
+  for (std::size_t end = kDirectory.rfind('/'); end != std::string_view::npos; end = kDirectory.rfind('/', end - 1)) {
+    UniqueFd parent = root_->open(kDirectory.substr(0, std::max<std::size_t>(end, 1)), O_RDONLY | O_DIRECTORY);
+    if (!parent || ::fsync(parent.get()) != 0) return false;
+    if (end == 0) break;
+  }
+  return true;
 }
 
 bool RegistryStore::failed(const char* what) {

@@ -51,6 +51,7 @@ class RegistryStore {
   using Places = std::unordered_map<std::string, Place>;
 
   bool openFolder();
+  bool makeFolder();
   void lockFolder();
   void openFile();
   void adopt(const JournalEnd& end);
@@ -60,15 +61,17 @@ class RegistryStore {
   bool rewrite();
   bool copyLive(int target, Places& places, std::uint64_t& end) const;
   bool isRewriteDue() const;
+  bool flushParents() const;
   bool failed(const char* what);
 
   const std::shared_ptr<const DeviceRoot> root_;
   UniqueFd folder_;
   UniqueFd file_;
-  bool writable_ = false;    // the folder is locked, and its file is the one that is open
+  bool writable_ = true;     // nobody else has the folder locked, and no file that was not understood is in the way
   bool rewriteDue_ = false;  // the file on disk must not be appended to
   bool flushDue_ = false;
-  bool folderFlushDue_ = false;  // the file has a new name
+  bool folderFlushDue_ = false;   // the file has a new name
+  bool parentsFlushDue_ = false;  // so has the folder
   bool failing_ = false;
   std::uint64_t end_ = 0;   // of what is valid in the file
   std::uint64_t live_ = 0;  // bytes of it that count

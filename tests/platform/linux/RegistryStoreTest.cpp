@@ -1,0 +1,174 @@
+// What the registry's store gives back after it was closed, cut off, damaged or in the way.
+#include <gtest/gtest.h>
+#include <sys/file.h>
+
+#include <random>
+
+#include "platform/linux/RegistryStore.h"
+#include "tests/Support/CapturedLog.h"
+#include "tests/Support/ScratchRoot.h"
+
+namespace {
+
+using namespace platform;
+using namespace support;
+using Content = std::map<std::string, std::string>;
+
+class RegistryStoreTest : public testing::Test {
+ protected:
+  Content load(RegistryStore& store) {
+    Content content;
+    for (const RegistryStore::Entry& entry : store.load()) {
+      EXPECT_TRUE(content.emplace(entry.key, entry.payload.view()).second) << "twice";
+    }
+    return content;
+  }
+  Content reload() {
+    RegistryStore store(device_.root());
+    return load(store);
+  }
+  void write(const Content& content) {
+    RegistryStore store(device_.root());
+    load(store);
+    for (const auto& [key, payload] : content) store.put(key, SharedSlice::take(payload));
+    EXPECT_TRUE(store.append() && store.sync());
+  }
+  std::vector<std::string> filesKeptAside() {
+    std::vector<std::string> names;
+    for (const auto& item : std::filesystem::directory_iterator(device_.host("/var/db/catalon"))) {
+      if (item.path().filename() != "records") names.push_back(item.path().filename());
+    }
+    return names;
+  }
+
+  ScratchRoot device_;
+  const std::string file_ = "/var/db/catalon/records";
+  CapturedLog log_{LogLevel::Error};
+};
+
+TEST_F(RegistryStoreTest, GivesBackWhatWasPutAndNotRemoved) {
+  EXPECT_TRUE(reload().empty());
+  EXPECT_FALSE(std::filesystem::exists(device_.host("/var/db"))) << "nothing to keep";
+  std::mt19937 random(7);
+  Content expected;
+  for (int round = 0; round < 30; ++round) {
+    RegistryStore store(device_.root());
+    EXPECT_EQ(load(store), expected);
+    for (int i = 0; i < 60; ++i) {
+      std::string key = "p/" + std::to_string(random() % 100);
+      if (random() % 3 == 0) {
+        store.remove(key);
+        expected.erase(key);
+      } else {
+        // Now and then larger than what is read at once.
+        std::string payload(1 + random() % (random() % 20 == 0 ? 600'000 : 3'000), static_cast<char>(random()));
+        store.put(key, SharedSlice::take(payload));
+        expected[key] = payload;
+      }
+      if (random() % 8 == 0) {
+        EXPECT_TRUE(store.append());
+      }
+    }
+    EXPECT_TRUE(store.append() && store.sync());
+  }
+  std::uintmax_t live = 0;
+  for (const auto& [key, payload] : expected) live += key.size() + payload.size() + 16;
+  EXPECT_LT(std::filesystem::file_size(device_.host(file_)), 4 * live + (1 << 20)) << "rewritten now and then";
+  EXPECT_EQ(std::filesystem::status(device_.host(file_)).permissions(), std::filesystem::perms(0600));
+  EXPECT_TRUE(filesKeptAside().empty());
+}
+
+TEST_F(RegistryStoreTest, AnAppendThatWasCutShortLosesOnlyItself) {
+  Content content{{"p/a", std::string(500, 'a')}, {"p/b", std::string(700, 'b')}};
+  write(content);
+  std::string before = device_.read(file_);
+  write({{"p/c", std::string(900, 'c')}});
+  std::string after = device_.read(file_);
+  for (std::size_t length = before.size(); length < after.size(); length += 7) {
+    device_.write(file_, after.substr(0, length));
+    EXPECT_EQ(reload(), content) << length;
+    device_.write(file_, before + std::string(after.size() - length, '\0'));
+    EXPECT_EQ(reload(), content) << length << " zeros";
+  }
+  for (std::size_t length = 0; length < 8; ++length) {
+    device_.write(file_, after.substr(0, length));
+    EXPECT_TRUE(reload().empty());
+  }
+  EXPECT_TRUE(std::filesystem::exists(device_.host("/var/db/catalon")));
+  EXPECT_TRUE(filesKeptAside().empty());
+  EXPECT_TRUE(log_.lines().empty()) << log_;
+  // And what follows is not written behind the rest of it.
+  device_.write(file_, after.substr(0, after.size() - 1));
+  write({{"p/d", "d"}});
+  content["p/d"] = "d";
+  EXPECT_EQ(reload(), content);
+}
+
+TEST_F(RegistryStoreTest, DamageIsKeptAsideAndWhatLiesBeforeItCounts) {
+  Content content;
+  for (char c = 'a'; c < 'k'; ++c) content[std::string("p/") + c] = std::string(200, c);
+  write(content);
+  const std::string whole = device_.read(file_);
+  std::size_t survivors = 0;
+  for (std::size_t at = 0; at + 1 < whole.size(); at += 13) {
+    std::string damaged = whole;
+    damaged[at] = static_cast<char>(damaged[at] ^ 0x40);
+    device_.write(file_, damaged);
+    Content left;
+    {
+      RegistryStore store(device_.root());
+      left = load(store);
+      store.put("p/new", SharedSlice::take("new"));
+      EXPECT_TRUE(store.append());
+    }
+    for (const auto& [key, payload] : left) EXPECT_EQ(content[key], payload);
+    EXPECT_LT(left.size(), content.size()) << at;
+    survivors += left.size();
+    left["p/new"] = "new";
+    EXPECT_EQ(reload(), left) << at;
+    std::vector<std::string> aside = filesKeptAside();
+    ASSERT_EQ(aside.size(), 1U) << at;
+    EXPECT_TRUE(aside[0].starts_with("records.unreadable-"));
+    EXPECT_EQ(device_.read("/var/db/catalon/" + aside[0]), damaged);
+    std::filesystem::remove(device_.host("/var/db/catalon/" + aside[0]));
+  }
+  EXPECT_GT(survivors, content.size());
+  EXPECT_FALSE(log_.lines().empty());
+}
+
+TEST_F(RegistryStoreTest, WhatIsNoFileIsKeptAsideAndALinkIsNotFollowed) {
+  device_.write("/elsewhere", "canary");
+  device_.link("/elsewhere", file_);
+  write({{"p/a", "a"}});
+  EXPECT_EQ(device_.read("/elsewhere"), "canary");
+  EXPECT_EQ(filesKeptAside().size(), 1U);
+  std::filesystem::remove(device_.host(file_));
+  ASSERT_EQ(::mkfifo(device_.host(file_).c_str(), 0600), 0);
+  write({{"p/a", "a"}});
+  EXPECT_EQ(reload(), (Content{{"p/a", "a"}}));
+}
+
+TEST_F(RegistryStoreTest, AFolderThatCannotBeUsedIsSaidOnceAndWorksLaterIfItCan) {
+  device_.write("/var/db", "a file in the way");
+  RegistryStore store(device_.root());
+  EXPECT_TRUE(load(store).empty());
+  std::filesystem::remove(device_.host("/var/db"));
+  device_.write("/var/db", "still");
+  RegistryStore second(device_.root());
+  EXPECT_TRUE(load(second).empty());
+  EXPECT_EQ(log_.lines().size(), 2U) << log_;
+}
+
+TEST_F(RegistryStoreTest, OnlyOneWritesAtATime) {
+  write({{"p/a", "a"}});
+  RegistryStore first(device_.root());
+  load(first);
+  RegistryStore second(device_.root());
+  EXPECT_EQ(load(second), (Content{{"p/a", "a"}}));
+  second.put("p/b", SharedSlice::take("b"));
+  EXPECT_TRUE(second.append());
+  EXPECT_EQ(log_.lines().size(), 1U);
+  EXPECT_EQ(device_.read(file_).find("p/b"), std::string::npos);
+}
+
+}  // namespace
