@@ -20,7 +20,7 @@
 namespace platform {
 
 // A longer text is refused: it would be parsed and kept for every plug-in that brings one.
-inline constexpr std::size_t kMaxPredicateBytes = 16 * 1024;
+inline constexpr std::size_t kMaxPredicateBytes = std::size_t{16} << 10;
 // Parentheses, NOT and SUBQUERY within each other: each level is a stack frame of the parser and of the evaluation.
 inline constexpr int kMaxPredicateDepth = 24;
 

@@ -17,7 +17,7 @@ constexpr std::string_view kSandboxEntitlement = "com.vantrel.security.sandbox";
 
 LinuxSandboxService::LinuxSandboxService(std::shared_ptr<const DeviceRoot> root,
                                          std::shared_ptr<RunningInstances> instances)
-    : root_(root), instances_(std::move(instances)), issuer_(root), table_(root) {}
+    : root_(std::move(root)), instances_(std::move(instances)), issuer_(root_), table_(root_) {}
 
 bool LinuxSandboxService::isSandboxed(std::int32_t pid) {
   std::optional<ProcessName> process = ProcessName::of(pid);

@@ -23,7 +23,7 @@ constexpr std::string_view kTokenPrefix = "vkread1:";
 constexpr std::size_t kSecretBytes = 32;
 constexpr std::size_t kDigestText = 64;
 // A full table of the longest paths, every byte escaped.
-constexpr std::uint64_t kMaxTableBytes = kMaxIssuedExtensions * (kDigestText + 2 + 3 * 1024);
+constexpr std::uint64_t kMaxTableBytes = kMaxIssuedExtensions * (kDigestText + 2 + std::size_t{3} * 1024);
 
 std::string escaped(std::string_view path) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";

@@ -37,12 +37,14 @@ std::vector<std::string> environmentWith(const PlistValue& variables) {
     if (fits) entries.insert_or_assign(std::string(name), std::string(value.stringValue()));
   }
   std::vector<std::string> result;
+  result.reserve(entries.size());
   for (const auto& [name, value] : entries) result.push_back(std::string(name).append("=").append(value));
   return result;
 }
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (std::string& text : texts) result.push_back(text.data());
   result.push_back(nullptr);
   return result;
