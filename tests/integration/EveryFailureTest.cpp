@@ -1,0 +1,150 @@
+// The whole life of the daemon again and again, each time with another file or socket operation failing: it answers,
+// cuts off one client, or says at its start why it stops.
+#include <algorithm>
+
+#include "tests/Support/WireClient.h"
+#include "tests/integration/Device.h"
+
+using namespace integration;
+
+namespace {
+
+class EveryFailure : public Device {
+ protected:
+  static constexpr std::string_view kPlugIn = "/Applications/Photos.app/PlugIns/Share.appex";
+  static constexpr std::string_view kOther = "/Applications/Photos.app/PlugIns/Other.appex";
+
+  EveryFailure() { addApplication(kPhotos); }
+
+  void prepare() {
+    for (const char* folder : {"/run", "/var"}) fs::remove_all(host(folder));
+    addPlugIn(kPlugIn, manifest("com.example.share"));
+    addPlugIn(kOther, manifest("com.example.other"));
+  }
+
+  // Whether an operation with this number was reached.
+  bool runWith(int number, int error) {
+    SCOPED_TRACE("operation " + std::to_string(number) + ", error " + std::to_string(error));
+    prepare();
+    fs::path mark = scratch_ / "mark";
+    fs::remove(mark);
+    program_ = start({VKD_PROGRAM}, {{"LD_PRELOAD", FAIL_NTH_LIBRARY},
+                                     {"FAILNTH_N", std::to_string(number)},
+                                     {"FAILNTH_ERRNO", std::to_string(error)},
+                                     {"FAILNTH_MARK", mark},
+                                     {"VANTREL_LOG", "info"}});
+    if (started()) live();
+    std::string failed = contentOf(mark);
+    SCOPED_TRACE("failing: " + failed + "\n" + program_->err());
+    check();
+    return !failed.empty();
+  }
+
+  bool started() {
+    return eventually([&] { return program_->hasEnded() || WireClient(root_).connected(); }) && !program_->hasEnded();
+  }
+
+  // One request, again on a new connection when this one was cut; nothing when that was cut, too.
+  std::optional<Message> ask(const Message& request) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      if (client_ == nullptr || !client_->connected()) client_ = std::make_unique<WireClient>(root_);
+      if (!client_->connected()) continue;
+      auto reply = client_->call(request);
+      EXPECT_FALSE(client_->timedOut()) << "no reply to " << request.description();
+      if (reply) return reply;
+      client_.reset();
+    }
+    return std::nullopt;
+  }
+  static bool succeeded(const std::optional<Message>& reply) { return reply && reply->get("errorcode") == nullptr; }
+
+  void live() {
+    election_.reset();
+    ask(WireClient::request("bulk"));
+    auto found = ask(WireClient::request("match"));
+    uuids_.clear();
+    if (succeeded(found)) {
+      for (const PlistValue& form : found->get("matches")->toPlist().elements()) {
+        uuids_.push_back(UUID::parse(form["uuid"].stringValue()).value());
+        identifier_ = form["identifier"].stringValue();
+      }
+    }
+    for (std::int64_t election : {5, 6}) annotate(election);
+    Message lock = WireClient::request("lock");
+    lock.set("flags", std::uint64_t{2});
+    lock.set("paths", Message::Array{kOther});
+    auto held = ask(lock);
+    for (const char* type : {"ready", "access"}) {
+      Message request = WireClient::request(type);
+      request.set("uuids", list());
+      ask(request);
+    }
+    if (succeeded(held)) {
+      Message release = WireClient::request("lock");
+      release.set("uuids", Message::Array{*held->get("uuids")});
+      ask(release);
+    }
+    Message remove = WireClient::request("remove");
+    remove.set("paths", Message::Array{kOther});
+    EXPECT_FALSE(succeeded(ask(remove))) << "nobody may remove without the entitlement";
+    Message all = WireClient::request("match");
+    all.set("flags", std::uint64_t{0x200});
+    EXPECT_FALSE(succeeded(ask(all))) << "nobody sees everything without the entitlement";
+    annotate(7);
+    fs::remove_all(host(kOther));
+  }
+  Message list() const {
+    Message uuids = Message::array();
+    for (const UUID& uuid : uuids_) uuids.append(uuid);
+    return uuids;
+  }
+  void annotate(std::int64_t election) {
+    if (uuids_.empty()) return;
+    Message request = WireClient::request("annotate");
+    request.set("uuids", list());
+    Message annotations = Message::dictionary();
+    annotations.set("election", election);
+    request.set("annotations", annotations);
+    if (succeeded(ask(request))) election_ = election;
+  }
+
+  void check() {
+    if (program_->hasEnded()) {
+      EXPECT_EQ(program_->finish().status, 1) << "it stops only at its start, and says so";
+      EXPECT_NE(program_->err().find(" error "), std::string::npos);
+      return;
+    }
+    client_.reset();
+    EXPECT_TRUE(succeeded(ask(WireClient::request("bulk")))) << "whatever failed, failed once";
+    program_->signal(SIGKILL);
+    program_->finish();
+    bool toldOfSaving = program_->err().find("unable to save annotations") != std::string::npos;
+    if (!election_ || toldOfSaving) return;
+    PlistValue stored = parsePropertyList(contentOf(host("/var/db/Vornik-Annotations")))["data"];
+    EXPECT_EQ(stored[identifier_]["election"].intValue(), *election_) << "acknowledged, so it is there";
+  }
+
+  std::unique_ptr<Program> program_;
+  std::unique_ptr<WireClient> client_;
+  std::vector<UUID> uuids_;  // of what was discovered, and the last one's identifier
+  std::string identifier_;
+  std::optional<std::int64_t> election_;
+};
+
+}  // namespace
+
+// FAILNTH_STRIDE=1 tries every operation with every error; by default a sample of them, to keep the net tight.
+TEST_F(EveryFailure, IsSurvivedOrToldAtTheStart) {
+  const char* text = std::getenv("FAILNTH_STRIDE");
+  int stride = text != nullptr ? std::max(1, std::atoi(text)) : 29;
+  for (int error : {EIO, EMFILE, ENOSPC, EINTR, EAGAIN}) {
+    int number = 1 + error % stride;
+    int reached = 0;
+    while (runWith(number, error)) {
+      number += stride;
+      ++reached;
+      ASSERT_FALSE(HasFailure());
+    }
+    EXPECT_GT(reached, 3) << "the daemon does more than that in its life";
+  }
+}
