@@ -56,8 +56,9 @@ Verdict Discovery::consider(const std::shared_ptr<VKDPlugIn>& plugIn) {
     VK_LOG(vk_ops(), Error, "failed to export matching plug-in %{public}@: %{public}@", plugIn->uuid(), *error);
   }
   if (form == nullptr) return Verdict::refused(Verdict::Filter::Export);
-  if (Verdict verdict = selectVersion(*form); !verdict) return verdict;
-  accept(plugIn, *form);
+  std::uint32_t& bucket = bucketOf(*form);
+  if (Verdict verdict = selectVersion(*form, bucket); !verdict) return verdict;
+  accept(plugIn, *form, bucket);
   return Verdict();
 }
 
@@ -112,10 +113,10 @@ Verdict Discovery::filterHost(const VKDPlugIn& plugIn) {
 }
 
 // At most one rival is driven out.
-Verdict Discovery::selectVersion(const PlugInForm& form) {
+Verdict Discovery::selectVersion(const PlugInForm& form, std::uint32_t& bucket) {
   const bool allVersions = has(VKDiscoverAllVersions);
   if (allVersions && has(VKDiscoverDuplicates)) return Verdict();
-  std::uint32_t* rivalLink = rivalOf(form, bucketOf(form));
+  std::uint32_t* rivalLink = rivalOf(form, bucket);
   if (rivalLink == nullptr) return Verdict();
   Result& rival = results_[*rivalLink];
   const auto order = compareVersionString(form.version(), rival.form->version());
@@ -147,12 +148,11 @@ std::uint32_t& Discovery::bucketOf(const PlugInForm& form) {
   return buckets_[hash & (buckets_.size() - 1)];
 }
 
-void Discovery::accept(const std::shared_ptr<VKDPlugIn>& plugIn, const PlugInForm& form) {
+void Discovery::accept(const std::shared_ptr<VKDPlugIn>& plugIn, const PlugInForm& form, std::uint32_t& bucket) {
   const std::size_t at = results_.size();
   PlugInForm::Additions additions;
   additions.annotations = annotations_->annotation(plugIn->annotationKey());
   additions.extensions = plugIn->resourceExtensions();
-  std::uint32_t& bucket = bucketOf(form);
   results_.push_back(Result{plugIn, &form, std::move(additions), false, bucket});
   bucket = static_cast<std::uint32_t>(at);
   ++size_;

@@ -74,8 +74,8 @@ class Discovery {
   std::uint32_t* rivalOf(const PlugInForm& form, std::uint32_t& bucket);
   bool compete(const PlugInForm& form, const PlugInForm& other) const;
   std::uint32_t& bucketOf(const PlugInForm& form);
-  Verdict selectVersion(const PlugInForm& form);
-  void accept(const std::shared_ptr<VKDPlugIn>& plugIn, const PlugInForm& form);
+  Verdict selectVersion(const PlugInForm& form, std::uint32_t& bucket);
+  void accept(const std::shared_ptr<VKDPlugIn>& plugIn, const PlugInForm& form, std::uint32_t& bucket);
   void noteReplacements(const VKDPlugIn& plugIn, std::size_t result);
 
   VKDServer& server_;

@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "Vornik/VKLog.h"
+#include "vkd/Quietly.h"
 #include "vkd/VKDPlugInHold.h"
 #include "vkd/VKDServer.h"
 #include "vkd/VKDZypClient.h"
@@ -41,8 +42,10 @@ void VKDServer::unholdClient(VKDZypClient& client) {
         ++hold;
         continue;
       }
-      VK_LOG(vk_ops(), Debug, "releasing plug-in hold %{public}@ for dead client pid %d", (*hold)->uuid(),
-             client.pid());
+      quietly([&] {
+        VK_LOG(vk_ops(), Debug, "releasing plug-in hold %{public}@ for dead client pid %d", (*hold)->uuid(),
+               client.pid());
+      });
       hold = release(hold);
     }
   });
@@ -57,7 +60,7 @@ VKDServer::Holds::iterator VKDServer::release(Holds::iterator hold) {
     if (--held->second == 0) heldPlugIns_.erase(held);
   }
   anythingHeld_.store(!heldPlugIns_.empty());
-  notifyAnnotationChange();
+  quietly([&] { notifyAnnotationChange(); });
   return next;
 }
 

@@ -4,6 +4,7 @@
 
 #include "Vornik/VKLog.h"
 #include "platform/Trace.h"
+#include "vkd/Quietly.h"
 #include "vkd/Transaction.h"
 #include "vkd/VKDServer.h"
 
@@ -52,8 +53,8 @@ void VKDZypClient::handleEvent(const std::shared_ptr<VKDZypClient>& self, Messag
   try {
     takeEvent(self, std::move(event));
   } catch (const std::exception& error) {
-    VK_LOG(vk_ops(), Fault, "client %d is cut off: %{public}@", self->pid_, std::string_view(error.what()));
     if (auto peer = self->connection()) peer->cancel();
+    VK_LOG(vk_ops(), Fault, "client %d is cut off: %{public}@", self->pid_, std::string_view(error.what()));
   }
 }
 
@@ -85,14 +86,14 @@ void VKDZypClient::takeError(const Message::ErrorEvent& event) {
 
 void VKDZypClient::countRequest() {
   if (++requestCount_ % kRequestsPerLogLine != 0) return;
-  VK_LOG(vk_ops(), Debug, "client %d used %u requests so far", pid_, requestCount_);
+  quietly([&] { VK_LOG(vk_ops(), Debug, "client %d used %u requests so far", pid_, requestCount_); });
 }
 
 void VKDZypClient::dying() { VK_LOG(vk_ops(), Debug, "client %d termination imminent", pid_); }
 
 void VKDZypClient::dead() {
   server_->unholdClient(*this);
-  VK_LOG(vk_ops(), Debug, "client %d is dead", pid_);
+  quietly([&] { VK_LOG(vk_ops(), Debug, "client %d is dead", pid_); });
   setAcceptWork(false);
   trace::clientDone(pid_);
 }
