@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "Vornik/VKProtocol.h"
 #include "tools/Text.h"
@@ -16,7 +17,9 @@ class HelpText : public CLI::Formatter {
     if (mode == CLI::AppFormatMode::Sub) return Formatter::make_help(app, name, mode);
     return app->get_footer() + Formatter::make_help(app, name, mode);
   }
+  // Both stand in what comes first.
   std::string make_footer(const CLI::App* /*app*/) const override { return ""; }
+  std::string make_description(const CLI::App* /*app*/) const override { return "\n"; }
 };
 
 bool takesValue(const std::string& word) {
@@ -49,7 +52,10 @@ int usageError(const std::string& line) {
 
 Verbs::Verbs(CLI::App& app) : app_(app) {
   app_.formatter(std::make_shared<HelpText>());
-  app_.get_formatter()->column_width(34);
+  app_.get_formatter()->column_width(26);
+  app_.get_formatter()->label("SUBCOMMAND", "VERB");
+  app_.get_formatter()->label("Positionals", "Arguments");
+  app_.set_help_flag();
   app_.footer(
       "Talks to the plug-in registry daemon vkd.\n\nExamples:\n  vkctl match\n  vkctl hold /Applications/Photos.app "
       "-- install-photos\n");
@@ -61,20 +67,29 @@ Verbs::Verbs(CLI::App& app) : app_(app) {
 }
 
 void Verbs::addCommonOptions(CLI::App& app) {
-  app.set_help_flag("-h,--help", "Tell this and exit");
-  app.add_option("-S,--service", global_.service, "The daemon's service name")->type_name("SERVICE");
+  constexpr const char* kGroup = "Options of every verb";
+  auto seconds = [](std::string& text) {
+    char* end = nullptr;
+    bool valid = std::strtod(text.c_str(), &end) > 0 && *end == '\0';
+    return valid ? std::string() : "\"" + text + "\" is no number of seconds";
+  };
+  app.add_option("-S,--service", global_.service, "The daemon's service name")->type_name("SERVICE")->group(kGroup);
   app.add_option("--timeout", global_.timeoutSeconds, "Give up on an answer after so long, with status 8")
       ->type_name("SECONDS")
-      ->check(CLI::PositiveNumber);
+      ->group(kGroup)
+      ->check(CLI::Validator(seconds, ""));
   app.add_option("--color", global_.color, "auto, always or never")
       ->type_name("WHEN")
-      ->check(CLI::IsMember({"auto", "always", "never"}));
+      ->group(kGroup)
+      ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
+  app.set_help_flag("-h,--help", "Tell this and exit")->group(kGroup);
 }
 
 CLI::App& Verbs::add(const std::string& name, const std::string& summary, const Examples& examples, Run run) {
   CLI::App& verb = *app_.add_subcommand(name, summary);
+  verb.group("Verbs");
+  verb.set_help_flag();
   verb.footer(summary + ".\n\nExamples:\n  " + examples[0] + "\n  " + examples[1] + "\n");
-  addCommonOptions(verb);
   verbs_.emplace_back(&verb, std::move(run));
   return verb;
 }
@@ -90,12 +105,13 @@ int Verbs::complainAboutVerb(const std::string& word) const {
 int Verbs::complainAboutOptions(CLI::App* verb, const CLI::ParseError& error) const {
   CLI::App& where = verb != nullptr ? *verb : app_;
   std::string prefix = verb != nullptr ? verb->get_name() + ": " : "";
-  std::string help = "vkctl " + (verb != nullptr ? verb->get_name() + " " : std::string()) + "--help";
+  std::string help = "vkctl --help";
+  if (verb != nullptr) help = "vkctl " + verb->get_name() + " --help";
   std::vector<std::string> options;
   for (const CLI::Option* option : where.get_options()) {
-    if (!option->get_lnames().empty()) options.push_back("--" + option->get_lnames().front());
+    for (const std::string& name : option->get_lnames()) options.push_back("--" + name);
   }
-  for (const std::string& word : where.remaining(true)) {
+  for (const std::string& word : app_.remaining(true)) {
     if (!word.starts_with('-')) continue;
     std::string bare = word.substr(0, word.find('='));
     return usageError(prefix + escaped(bare) + ": no such option" + proposal(bare, options) + " (" + help + ")");
@@ -116,6 +132,7 @@ int Verbs::run(std::vector<std::string> arguments) {
     if (command_.empty()) return usageError(name + ": nothing behind -- (vkctl " + name + " --help)");
   }
   CLI::App* verb = chosen != verbs_.end() ? chosen->first : nullptr;
+  if (verb != nullptr) addCommonOptions(*verb);
   try {
     std::ranges::reverse(arguments);
     app_.parse(arguments);

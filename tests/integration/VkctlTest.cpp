@@ -222,7 +222,7 @@ TEST_F(VkctlTest, DiagnoseTellsAllThatIsWrongAtOnce) {
                            "it has no data container", "/PlugIns/Share.appex: nothing keeps it from being served"}) {
     EXPECT_NE(result.out.find(text), std::string::npos) << text << "\n" << result.out;
   }
-  EXPECT_EQ(lines(result.out), 9U) << result.out;
+  EXPECT_EQ(lines(result.out), 10U) << result.out;
 }
 
 TEST_F(VkctlTest, DiagnoseReadsWhatTheRegistryWouldRefuse) {
