@@ -1,6 +1,7 @@
 // An application registry in memory: records are plain structures, and every question that is asked is counted.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -37,7 +38,7 @@ struct FakeRecord : RegistryPlugInRecord {
   std::shared_ptr<FakeBundleRecord> containing;
   std::optional<std::string> name, shortName;
   std::optional<FileURL> container = FileURL{"/var/containers/it"};
-  mutable int urlReads = 0;
+  mutable std::atomic<int> urlReads = 0;
 
   // A good application extension inside /Applications/Host.app; `attributes` complete its own.
   static std::shared_ptr<FakeRecord> appex(std::string identifier, const PlistValue& attributes = {}) {

@@ -1,7 +1,9 @@
 #include <set>
 #include <string>
+#include <thread>
 
 #include "platform/PropertyList.h"
+#include "platform/linux/WorkQueue.h"
 #include "tests/vkd/PlugInFixture.h"
 #include "vkd/VKDatabase.h"
 
@@ -199,6 +201,40 @@ TEST_F(VKDatabaseTest, UninstallsEmptyTheCacheAndTellTheDelegateOutsideTheQueue)
   delegate = nullptr;
   device.registry->uninstall(record);
   EXPECT_EQ(told, 1);
+}
+
+// On real queues: lookups with snapshots of the annotations, changes of them and uninstalls at the same time.
+TEST(VKDatabaseThreadsTest, LookupsChangesAndUninstallsDoNotDisturbEachOther) {
+  setLogSink([](const LogLine&) {}, LogLevel::Fault);
+  FakeServices device;
+  Services services = device.services();
+  services.queues = makeWorkQueues();
+  const auto database = VKDatabase::initWithDatabase(services, "/store");
+  database->setCacheLimit(15);
+  for (int i = 0; i < 20; ++i) device.registry->add(FakeRecord::appex("p" + std::to_string(i)));
+  const RegistryPlugInRecords records = *device.registry->installed;
+  constexpr int kRounds = 200;
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    for (int i = 0; i < kRounds; ++i) device.registry->observer->pluginsWillUninstall({records[i % 20]});
+  });
+  threads.emplace_back([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      const auto plugIn = database->plugInForProxy(records[i % 20]);
+      database->setAnnotationForPlugIn(dictionary({{"election", i}}), *plugIn);
+    }
+  });
+  for (int thread = 0; thread < 2; ++thread) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < kRounds; ++i) {
+        EXPECT_EQ(database->findPlugIns(PlistValue())->size(), records.size());
+        EXPECT_LE(database->findPlugIns(dictionary({{"ZoUserElection", "1"}}))->size(), 1U);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  setLogSink({});
+  EXPECT_EQ(database->annotationSnapshot()->annotation("p19"), dictionary({{"election", kRounds - 1}}));
 }
 
 }  // namespace
