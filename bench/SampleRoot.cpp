@@ -16,8 +16,9 @@ namespace {
 
 constexpr std::size_t kPlugInsPerApplication = 100;
 constexpr std::size_t kManifestBytes = 3000;
+// One of this many serves the extension point that few serve.
+constexpr std::size_t kFewStride = 10;
 constexpr std::size_t kFew = 100;
-constexpr std::size_t kThousand = 1000;
 
 void writeFile(const fs::path& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
 
@@ -25,16 +26,16 @@ PlistValue manifest(std::size_t index) {
   std::string number = std::to_string(index);
   PlistBuilder attributes;
   attributes.set("ZoExtensionVersion", "1." + number);
-  attributes.set("Group", index < kThousand ? "thousand" : "rest");
   for (int i = 0; i < 12; ++i) {
     attributes.set("SupportsKind" + std::to_string(i), PlistValue::array({i, true, "com.example.kind." + number}));
   }
-  PlistValue section =
-      PlistBuilder()
-          .set("ZoExtensionAttributes", attributes.take())
-          .set("ZoExtensionPointIdentifier", index < kFew ? "com.example.bench.few" : "com.example.bench.many")
-          .set("ZoExtensionProtocol", "BenchProtocol")
-          .take();
+  PlistValue section = PlistBuilder()
+                           .set("ZoExtensionAttributes", attributes.take())
+                           .set("ZoExtensionPointIdentifier", index < kFew * kFewStride && index % kFewStride == 0
+                                                                  ? "com.example.bench.few"
+                                                                  : "com.example.bench.many")
+                           .set("ZoExtensionProtocol", "BenchProtocol")
+                           .take();
   return PlistBuilder()
       .set("KvBundleIdentifier", "com.example.bench.plugin" + number)
       .set("KvBundleVersion", number)

@@ -16,7 +16,7 @@ class SampleRoot {
   SampleRoot& operator=(const SampleRoot&) = delete;
 
   // Adds application plug-ins until there are `count`, a hundred an application, each with a manifest of about 3 KB.
-  // The first hundred serve the extension point "com.example.bench.few", the first thousand have Group "thousand".
+  // A hundred of the first thousand serve the extension point "com.example.bench.few".
   void fillTo(std::size_t count);
 
   const std::string& path() const { return path_; }
