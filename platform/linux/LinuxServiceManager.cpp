@@ -9,6 +9,7 @@
 
 #include "platform/ManifestKeys.h"
 #include "platform/linux/BundleLayout.h"
+#include "platform/linux/SharedFolders.h"
 
 namespace platform {
 namespace {
@@ -41,6 +42,8 @@ int LinuxServiceManager::addExternalService(std::int32_t hostPid, std::string_vi
     service.bundleIdentifier = manifest[manifest_key::BundleIdentifier].stringValue();
     service.bundleVersion = manifest[manifest_key::BundleVersion].stringValue();
   }
+  // The host may be another user, who could not make the folder in which he will record what he starts.
+  if (!openSharedFolder(*root_, kInstancesFolder)) return errno;
   int error = services_->record(service);
   if (error == 0) remover_.recordsExist();
   return error;

@@ -20,13 +20,12 @@
 #include "platform/UUID.h"
 #include "platform/linux/Directory.h"
 #include "platform/linux/Files.h"
+#include "platform/linux/SharedFolders.h"
 
 namespace platform {
 namespace {
 
-constexpr std::string_view kFolder = "/run/notify/";
-// Everybody may subscribe, nobody may remove another user's socket.
-constexpr mode_t kFolderMode = 01777;
+std::string folderOf(std::string_view name) { return std::string(kNotifyFolder).append("/").append(name); }
 
 // A path through /proc: a socket address holds 108 bytes, whatever the length of the real path, and a descriptor cannot
 // be swapped for a link.
@@ -119,7 +118,7 @@ LinuxSystemNotifier::LinuxSystemNotifier(std::shared_ptr<const DeviceRoot> root)
 
 void LinuxSystemNotifier::post(std::string_view name) {
   if (!isSafeComponent(name)) return;
-  UniqueFd folder = root_->open(std::string(kFolder).append(name), O_RDONLY | O_DIRECTORY);
+  UniqueFd folder = root_->open(folderOf(name), O_RDONLY | O_DIRECTORY);
   if (!folder) return;
   Delivery delivery(folder.get(), sender_.get());
   forEachEntry(folder.get(), kMaxNotifyEntries, [&](const char* entry) { delivery.to(entry); });
@@ -129,7 +128,8 @@ std::unique_ptr<SystemNotifier::Subscription> LinuxSystemNotifier::subscribe(std
                                                                              std::function<void()> handler) {
   if (!isSafeComponent(name)) return nullptr;
   auto state = std::make_shared<SubscriptionState>();
-  state->directory = root_->makeDirectories(std::string(kFolder).append(name), kFolderMode);
+  if (!openSharedFolder(*root_, kNotifyFolder)) return nullptr;
+  state->directory = openSharedFolder(*root_, folderOf(name));
   state->socket = datagramSocket();
   state->stop = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   state->handler = std::move(handler);

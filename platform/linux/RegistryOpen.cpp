@@ -1,15 +1,19 @@
 // Apart from the other services: only the daemon keeps a registry, and a program without one does not link it.
 
 #include <memory>
+#include <utility>
 
 #include "platform/Services.h"
 #include "platform/linux/DeviceRoot.h"
 #include "platform/linux/RegistryCatalon.h"
+#include "platform/linux/SharedFolders.h"
 
 namespace platform {
 
 std::shared_ptr<RegistryWorkspace> openRegistry(const Services& /*services*/, std::string* reason) {
-  return makeRegistry(std::make_shared<const DeviceRoot>(DeviceRoot::fromEnvironment()), reason);
+  auto root = std::make_shared<const DeviceRoot>(DeviceRoot::fromEnvironment());
+  makeSharedFolders(*root);
+  return makeRegistry(std::move(root), reason);
 }
 
 }  // namespace platform

@@ -9,13 +9,11 @@
 #include "platform/linux/Directory.h"
 #include "platform/linux/Files.h"
 #include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/SharedFolders.h"
 
 namespace platform {
 namespace {
 
-constexpr std::string_view kFolder = "/run/jobd/instances";
-// Every user's hosts record here, nobody removes another user's record.
-constexpr mode_t kFolderMode = 01777;
 constexpr mode_t kRecordMode = 0644;
 constexpr std::string_view kSuffix = ".plist";
 
@@ -71,13 +69,13 @@ int RunningInstances::record(const RunningInstance& instance) const {
   std::string text = serializePropertyListXML(record);
   if (text.empty()) return EINVAL;
   if (text.size() > kMaxInstanceRecordBytes) return E2BIG;
-  UniqueFd folder = root_->makeDirectories(kFolder, kFolderMode);
+  UniqueFd folder = openSharedFolder(*root_, kInstancesFolder);
   if (!folder) return errno;
   return replaceFile(folder.get(), fileNameOf(instance.process), text, kRecordMode, false) ? 0 : errno;
 }
 
 void RunningInstances::forget(const ProcessName& process) const {
-  UniqueFd folder = root_->open(kFolder, O_PATH | O_DIRECTORY);
+  UniqueFd folder = root_->open(kInstancesFolder, O_PATH | O_DIRECTORY);
   if (folder) ::unlinkat(folder.get(), fileNameOf(process).c_str(), 0);
 }
 
@@ -98,7 +96,7 @@ std::vector<RunningInstance> RunningInstances::select(const std::function<bool(c
 
 void RunningInstances::refresh() {
   struct stat state {};
-  UniqueFd folder = root_->open(kFolder, O_RDONLY | O_DIRECTORY);
+  UniqueFd folder = root_->open(kInstancesFolder, O_RDONLY | O_DIRECTORY);
   if (!folder || ::fstat(folder.get(), &state) != 0) {
     folderStamp_.reset();
     known_.clear();
@@ -128,12 +126,12 @@ void RunningInstances::refresh() {
 }
 
 bool RunningInstances::isInstance(const ProcessName& process) const {
-  UniqueFd folder = root_->open(kFolder, O_PATH | O_DIRECTORY);
+  UniqueFd folder = root_->open(kInstancesFolder, O_PATH | O_DIRECTORY);
   return folder && openRecord(folder.get(), fileNameOf(process), process) && process.runs();
 }
 
 void RunningInstances::sweep() const {
-  UniqueFd folder = root_->open(kFolder, O_RDONLY | O_DIRECTORY);
+  UniqueFd folder = root_->open(kInstancesFolder, O_RDONLY | O_DIRECTORY);
   if (!folder) return;
   forEachEntry(folder.get(), kMaxInstanceEntries, [&](const char* name) {
     std::optional<ProcessName> process = processOf(name);

@@ -37,6 +37,8 @@ class Jobd : public ::testing::Test {
   void SetUp() override {
     installProgram(scratch_, kExecutable, "/bin/sh");
     writeManifest("1.0");
+    std::filesystem::create_directories(scratch_.host("/shared"));
+    std::filesystem::permissions(scratch_.host("/shared"), std::filesystem::perms(0777));
   }
   void writeManifest(const std::string& version) {
     scratch_.write(kPlugIn + "/Info.plist",
@@ -52,6 +54,8 @@ class Jobd : public ::testing::Test {
       ::setenv("VANTREL_ROOT", scratch_.root()->hostPath().c_str(), 1);
       ::setenv("INHERITED", "from the host", 1);
       ::setenv("HOME", "the host's", 1);
+      // Another user's, where that can be.
+      if (::geteuid() == 0 && (::setgid(12345) != 0 || ::setuid(12345) != 0)) return 199;
       eventually([&] { return std::filesystem::exists(go); });
       LaunchResult result = launchExternalService(kExecutable, {"-c", script});
       return result.errorNumber != 0 ? 200 + result.errorNumber : result.exitStatus;
@@ -117,12 +121,13 @@ TEST_F(Jobd, LetsAHostLaunchWithTheRecordedEnvironment) {
 }
 
 TEST_F(Jobd, ReportsInstancesWhileTheyRunOldestFirst) {
-  auto first = host("echo $$ > " + scratch_.host("/pid1").string() + "; read x < " + scratch_.host("/fifo").string());
-  ASSERT_EQ(::mkfifo(scratch_.host("/fifo").c_str(), 0600), 0);
+  auto first = host("echo $$ > " + scratch_.host("/shared/pid1").string() + "; read x < " +
+                    scratch_.host("/shared/fifo").string());
+  ASSERT_EQ(::mkfifo(scratch_.host("/shared/fifo").c_str(), 0644), 0);
   ASSERT_EQ(manager_.addExternalService(first->pid(), kExecutable, overlay({})), 0);
   letGo();
-  ASSERT_TRUE(eventually([&] { return !scratch_.read("/pid1").empty(); }));
-  pid_t pid = std::stoi(scratch_.read("/pid1"));
+  ASSERT_TRUE(eventually([&] { return !scratch_.read("/shared/pid1").empty(); }));
+  pid_t pid = std::stoi(scratch_.read("/shared/pid1"));
   EXPECT_EQ(busy(), std::vector<pid_t>{pid});
   auto second = host("exec sleep 100");
   ASSERT_EQ(manager_.addExternalService(second->pid(), kExecutable, overlay({})), 0);
@@ -132,7 +137,7 @@ TEST_F(Jobd, ReportsInstancesWhileTheyRunOldestFirst) {
   ASSERT_TRUE(eventually([&] { return busy().size() == 2; }));
   EXPECT_EQ(busy()[0], pid);
 
-  std::ofstream(scratch_.host("/fifo")) << "\n";
+  std::ofstream(scratch_.host("/shared/fifo")) << "\n";
   EXPECT_EQ(first->wait(), 0);
   ASSERT_EQ(busy().size(), 1U);
   // The host dies, its plug-in runs on; then that dies, and nobody takes its record away.
@@ -176,10 +181,10 @@ TEST_F(Jobd, RemovingEndsInstancesAndForgetsRecords) {
   ASSERT_EQ(manager_.addExternalService(polite->pid(), kExecutable, overlay({})), 0);
   letGo();
   ASSERT_TRUE(eventually([&] { return busy().size() == 1; }));
-  auto stubborn = host("trap '' TERM; echo > " + scratch_.host("/trapped").string() + "; while :; do :; done");
+  auto stubborn = host("trap '' TERM; echo > " + scratch_.host("/shared/trapped").string() + "; while :; do :; done");
   ASSERT_EQ(manager_.addExternalService(stubborn->pid(), kExecutable, overlay({})), 0);
   letGo();
-  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(scratch_.host("/trapped")); }));
+  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(scratch_.host("/shared/trapped")); }));
   auto late = host("exit 0");
   ASSERT_EQ(manager_.addExternalService(late->pid(), kExecutable, overlay({})), 0);
   // The next version, installed before the removal is done.
