@@ -5,6 +5,7 @@
 //   granted --command ends, interrupt--> released --> status of the command, or 128 + signal
 //     +-----daemon goes away-----------> gone ------> status 1
 
+#include <atomic>
 #include <memory>
 #include <set>
 
@@ -104,14 +105,19 @@ int holdUntilInterrupted(Session& session, const UUID& token, Waiter& gone) {
 
 int hold(Session& session, const HoldOptions& options, const std::vector<std::string>& command) {
   std::shared_ptr<Waiter> gone = Waiter::make();
-  InterruptScope scope;
-  UUID token = grantedHold(session, options);
-  session.onConnectionLost([gone, &session, running = !command.empty()] {
-    if (running) session.warn("", "the daemon went away, and the hold with it; the command goes on");
+  auto commandRuns = std::make_shared<std::atomic<bool>>(false);
+  session.onConnectionLost([gone, &session, commandRuns] {
+    if (*commandRuns) session.warn("", "the daemon went away, and the hold with it; the command goes on");
     gone->signal();
   });
+  InterruptScope scope;
+  UUID token = grantedHold(session, options);
+  *commandRuns = !command.empty();
   int status = command.empty() ? holdUntilInterrupted(session, token, *gone) : runCommand(session, command);
   session.onConnectionLost({});
+  // What interrupted the hold is answered by now; it is not to interrupt the release.
+  while (InterruptScope::take().number != 0) {
+  }
   if (gone->wait(std::chrono::nanoseconds::zero()) != WaitResult::Done) release(session, token);
   return status;
 }

@@ -1,12 +1,11 @@
 // vkctl status: whether the daemon is there, what it speaks, and how many plug-ins it has for this process.
 
-#include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKProtocol.h"
+#include "platform/Terminal.h"
 #include "tools/FormText.h"
 #include "tools/PlugInNames.h"
 #include "tools/Verbs.h"
@@ -15,26 +14,6 @@ namespace vkctl {
 namespace {
 
 using namespace Vornik;
-
-// The daemon's executable carries its version where anybody who may read it finds it. Empty when it cannot be read.
-std::string versionOfProcess(std::int32_t pid) {
-  constexpr std::size_t kChunk = std::size_t{1} << 16;
-  std::ifstream executable("/proc/" + std::to_string(pid) + "/exe", std::ios::binary);
-  std::string bytes;
-  while (executable) {
-    std::size_t kept = std::min(bytes.size(), 2 * kVKVersionMark.size());
-    bytes.erase(0, bytes.size() - kept);
-    bytes.resize(kept + kChunk);
-    executable.read(bytes.data() + kept, kChunk);
-    bytes.resize(kept + static_cast<std::size_t>(executable.gcount()));
-    std::size_t mark = bytes.find(kVKVersionMark);
-    if (mark == std::string::npos) continue;
-    std::size_t start = mark + kVKVersionMark.size();
-    std::size_t end = bytes.find_first_not_of("0123456789.", start);
-    if (end != std::string::npos && end > start) return bytes.substr(start, end - start);
-  }
-  return "";
-}
 
 PlistValue countsOf(const std::vector<PlistValue>& forms) {
   std::int64_t system = 0, elected = 0, data = 0;
@@ -85,7 +64,7 @@ int status(Session& session) {
   std::int32_t pid = session.client().vkd()->peerPid();
   state.set("pid", pid);
   if (auto path = session.services().codeSigning->executablePath(pid)) state.set("path", *path);
-  if (std::string version = versionOfProcess(pid); !version.empty()) state.set("version", version);
+  if (std::string version = markedText(pid, kVKVersionMark); !version.empty()) state.set("version", version);
   PlugInNames names(session);
   state.set("plugIns", countsOf(names.all({})));
   state.set("complete", names.seesAll());
