@@ -12,17 +12,21 @@ namespace {
 // The allocation that fails: counted down while above 0.
 int allocationsLeft = 0;
 
-void* allocate(std::size_t size) {
-  if (allocationsLeft > 0 && --allocationsLeft == 0) throw std::bad_alloc();
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
+void* allocate(std::size_t size) noexcept {
+  if (allocationsLeft > 0 && --allocationsLeft == 0) return nullptr;
+  return std::malloc(size);
 }
 
 }  // namespace
 
-void* operator new(std::size_t size) { return allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+// Out of line: in line, the compiler takes malloc and delete for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  if (void* memory = allocate(size)) return memory;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace vkd::testing {
 namespace {
