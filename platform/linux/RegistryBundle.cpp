@@ -23,8 +23,6 @@ constexpr const char* kExecutables = "Executables";
 // larger than the file.
 constexpr std::uint64_t kMaxKeptBytes = std::uint64_t{8} << 20;
 
-bool isAbsent(int errorNumber) { return errorNumber == ENOENT || errorNumber == ENOTDIR; }
-
 }  // namespace
 
 bool isPassingError(int errorNumber) {
@@ -60,12 +58,8 @@ void RegistryBundle::note(int errorNumber) const { failed_ = failed_ || isPassin
 
 UniqueFd RegistryBundle::openInside(int parent, const char* name, const std::string& path) {
   UniqueFd opened(::openat(parent, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!opened && isAbsent(errno)) {
-    // As a path descriptor of a link is no directory, a link says the same as a file does.
-    struct stat state {};
-    if (::fstatat(parent, name, &state, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(state.st_mode)) return opened;
-    opened = root_.open(path, O_PATH | O_DIRECTORY);
-  }
+  // A link is refused as what is no directory; where it leads to, inside the device, there may be one.
+  if (!opened && errno == ENOTDIR) opened = root_.open(path, O_PATH | O_DIRECTORY);
   if (!opened) note(errno);
   return opened;
 }

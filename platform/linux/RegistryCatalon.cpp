@@ -60,7 +60,7 @@ std::shared_ptr<RegistryWorkspace> makeRegistry(std::shared_ptr<const DeviceRoot
 RegistryCatalon::RegistryCatalon(std::shared_ptr<const DeviceRoot> root, RegistryLanguages languages)
     : context_(std::make_shared<RegistryContext>(root, std::move(languages))),
       index_(std::make_shared<RegistryIndex>()),
-      store_(std::move(root)),
+      store_(std::move(root), [this](const RegistryStore::Visitor& visit) { inventory_.visitStored(visit); }),
       inventory_(context_, index_, store_, watcher_, agenda_) {}
 
 RegistryCatalon::~RegistryCatalon() {

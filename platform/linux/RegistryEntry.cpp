@@ -9,17 +9,24 @@
 namespace platform {
 namespace {
 
-// Keys of a stored entry, beside those of an application's names.
+// Keys of a stored entry. What is asked most comes first.
+constexpr std::string_view kHead = "0";
 constexpr std::string_view kApplication = "app";
-constexpr std::string_view kDate = "date";
-constexpr std::string_view kDeep = "deep";
 constexpr std::string_view kEntitlements = "entitlements";
 constexpr std::string_view kManifest = "manifest";
-constexpr std::string_view kRequested = "requested";
 constexpr std::string_view kSection = "section";
-constexpr std::string_view kStamps = "stamps";
-constexpr std::string_view kUUID = "uuid";
-constexpr std::string_view kWithdrawn = "withdrawn";
+// Keys of a stored application, beside those of its names.
+constexpr std::string_view kDeep = "deep";
+constexpr std::string_view kStamp = "stamp";
+
+// What of a registration has a fixed size, as it lies in the machine.
+struct Head {
+  UUID uuid;
+  double date;
+  BundleStamps stamps;
+  std::uint8_t registration, deep, requested, withdrawn, unused[4];
+};
+static_assert(sizeof(Head) == 16 + 8 + 3 * 32 + 8);
 
 constexpr std::string_view kDefaultVersion = "1";
 
@@ -35,6 +42,7 @@ T fromBytes(const PlistValue& value) {
   return result;
 }
 
+// A key that is there, or not.
 PlistValue flag(bool value) { return value ? PlistValue(true) : PlistValue(); }
 
 std::int64_t nanoseconds(const timespec& time) { return time.tv_sec * 1'000'000'000 + time.tv_nsec; }
@@ -75,39 +83,42 @@ RegistryEntry RegistryEntry::registration(const PlistValue& manifest, const Plis
                                           const BundleStamps& stamps, bool deep, std::string_view applicationPath) {
   PlistValue section = plugInSection(manifest);
   if (!section) return {};
+  Head head{UUID::random(), now(), stamps, true, deep, false, false, {}};
   PlistBuilder builder;
-  builder.set(kUUID, bytesOf(UUID::random())).set(kDate, now()).set(kStamps, bytesOf(stamps));
-  builder.set(kManifest, manifest).set(kEntitlements, entitlements).set(kDeep, flag(deep));
+  builder.set(kHead, bytesOf(head)).set(kManifest, manifest).set(kEntitlements, entitlements);
   builder.set(kSection, completion(manifest, section));
   if (!applicationPath.empty()) builder.set(kApplication, applicationPath);
   return RegistryEntry(compactPlist(builder.take()));
 }
 
-RegistryEntry RegistryEntry::wish() { return RegistryEntry(compactPlist(PlistBuilder().set(kRequested, true).take())); }
+RegistryEntry RegistryEntry::wish() {
+  Head head{};
+  head.requested = true;
+  return RegistryEntry(compactPlist(PlistBuilder().set(kHead, bytesOf(head)).take()));
+}
 
 RegistryEntry RegistryEntry::fromPayload(const SharedSlice& payload) {
-  PlistValue value = decodePlist(payload, nullptr, kPlistMaxDepth);
-  if (!value.isDictionary()) return {};
-  RegistryEntry entry(std::move(value));
-  bool complete = entry.isRegistration() && entry.manifest().isDictionary() && entry.section().isDictionary();
+  RegistryEntry entry(decodePlist(payload, nullptr, kPlistMaxDepth));
+  bool complete = entry.isRegistration() && entry.section();
   return complete || entry.isRequested() ? entry : RegistryEntry();
 }
 
 RegistryEntry RegistryEntry::marked(bool requested, bool withdrawn) const {
-  if (requested == isRequested() && withdrawn == isWithdrawn()) return *this;
-  PlistBuilder builder(value_);
-  builder.set(kRequested, flag(requested)).set(kWithdrawn, flag(withdrawn));
-  return RegistryEntry(compactPlist(builder.take()));
+  Head head = fromBytes<Head>(value_[kHead]);
+  if (requested == (head.requested != 0) && withdrawn == (head.withdrawn != 0)) return *this;
+  head.requested = requested;
+  head.withdrawn = withdrawn;
+  return RegistryEntry(compactPlist(PlistBuilder(value_).set(kHead, bytesOf(head)).take()));
 }
 
-bool RegistryEntry::isRegistration() const { return value_[kUUID].dataValue().size() == sizeof(UUID); }
-UUID RegistryEntry::uuid() const { return fromBytes<UUID>(value_[kUUID]); }
+bool RegistryEntry::isRegistration() const { return fromBytes<Head>(value_[kHead]).registration != 0; }
+UUID RegistryEntry::uuid() const { return fromBytes<Head>(value_[kHead]).uuid; }
+double RegistryEntry::date() const { return fromBytes<Head>(value_[kHead]).date; }
+BundleStamps RegistryEntry::stamps() const { return fromBytes<Head>(value_[kHead]).stamps; }
+bool RegistryEntry::isDeep() const { return fromBytes<Head>(value_[kHead]).deep != 0; }
+bool RegistryEntry::isRequested() const { return fromBytes<Head>(value_[kHead]).requested != 0; }
+bool RegistryEntry::isWithdrawn() const { return fromBytes<Head>(value_[kHead]).withdrawn != 0; }
 std::string_view RegistryEntry::applicationPath() const { return value_[kApplication].stringValue(); }
-double RegistryEntry::date() const { return value_[kDate].realValue(); }
-BundleStamps RegistryEntry::stamps() const { return fromBytes<BundleStamps>(value_[kStamps]); }
-bool RegistryEntry::isDeep() const { return value_[kDeep].boolValue(); }
-bool RegistryEntry::isRequested() const { return value_[kRequested].boolValue(); }
-bool RegistryEntry::isWithdrawn() const { return value_[kWithdrawn].boolValue(); }
 PlistValue RegistryEntry::manifest() const { return value_[kManifest]; }
 PlistValue RegistryEntry::entitlements() const { return value_[kEntitlements]; }
 
@@ -118,7 +129,7 @@ PlistValue RegistryEntry::section() const {
 
 RegistryAppEntry RegistryAppEntry::of(const PlistValue& manifest, const FileStamp& stamp, bool deep) {
   PlistBuilder builder;
-  builder.set(kStamps, bytesOf(stamp)).set(kDeep, flag(deep));
+  builder.set(kStamp, bytesOf(stamp)).set(kDeep, flag(deep));
   builder.set(manifest_key::Name, manifest[manifest_key::Name]);
   builder.set(manifest_key::ShortName, manifest[manifest_key::ShortName]);
   builder.set(manifest_key::Placeholder, flag(manifest[manifest_key::Placeholder].boolValue()));
@@ -130,7 +141,7 @@ RegistryAppEntry RegistryAppEntry::fromPayload(const SharedSlice& payload) {
   return value.isDictionary() ? RegistryAppEntry(std::move(value)) : RegistryAppEntry();
 }
 
-FileStamp RegistryAppEntry::stamp() const { return fromBytes<FileStamp>(value_[kStamps]); }
+FileStamp RegistryAppEntry::stamp() const { return fromBytes<FileStamp>(value_[kStamp]); }
 bool RegistryAppEntry::isDeep() const { return value_[kDeep].boolValue(); }
 bool RegistryAppEntry::isPlaceholder() const { return value_[manifest_key::Placeholder].boolValue(); }
 

@@ -89,7 +89,7 @@ bool RegistryInventory::readApplication(const std::string& path, Application& ap
       store_.put(kApplicationKey + path, entry.payload());
     }
   }
-  application.record->update(std::move(entry), found.isDeep(), found.hasLocalizedNames());
+  application.record->update(std::move(entry), found.isDeep(), hasLocalizedNames(found));
   return true;
 }
 

@@ -65,9 +65,9 @@ bool RegistryInventory::isUnchanged(const Folder& folder, const Bundle& bundle, 
 void RegistryInventory::compare(const Folder& folder, const std::string& path, Bundle& bundle, RegistryBundle& found) {
   if (isUnchanged(folder, bundle, found)) {
     if (bundle.record) {
-      bundle.record->setLocalized(found.hasLocalizedNames());
+      bundle.record->setLocalized(hasLocalizedNames(found));
     } else if (!bundle.entry.isWithdrawn()) {
-      install(folder, path, bundle, found.hasLocalizedNames());
+      install(folder, path, bundle, hasLocalizedNames(found));
     }
     return;
   }
@@ -88,7 +88,7 @@ void RegistryInventory::compare(const Folder& folder, const std::string& path, B
   }
   uninstall(bundle);
   bundle.entry = fresh ? fresh.marked(bundle.requested, false) : bundle.requested ? RegistryEntry::wish() : fresh;
-  if (fresh) install(folder, path, bundle, found.hasLocalizedNames());
+  if (fresh) install(folder, path, bundle, hasLocalizedNames(found));
   if (fresh && bundle.record->wantsDataContainer()) context_->containers.make(bundle.record->identifier());
   persist(path, bundle);
 }
@@ -152,11 +152,24 @@ void RegistryInventory::keepVanished(const std::string& path) {
   note(RegistryUnit::Kind::Bundle, std::move(oldest));
 }
 
-void RegistryInventory::persist(const std::string& path, const Bundle& bundle) {
+void RegistryInventory::persist(const std::string& path, Bundle& bundle) {
   if (bundle.entry) {
     store_.put(kBundleKey + path, bundle.entry.payload());
-  } else {
+  } else if (bundle.stored) {
     store_.remove(kBundleKey + path);
+  }
+  bundle.stored = static_cast<bool>(bundle.entry);
+}
+
+void RegistryInventory::visitStored(const RegistryStore::Visitor& visit) const {
+  for (const auto& [path, application] : applications_) {
+    RegistryAppEntry entry = application.record ? application.record->entry() : RegistryAppEntry();
+    if (entry) visit(kApplicationKey + path, entry.payload());
+  }
+  for (const auto& [path, folder] : folders_) {
+    for (const auto& [name, bundle] : folder.bundles) {
+      if (bundle.entry) visit(kBundleKey + joinPath(path, name), bundle.entry.payload());
+    }
   }
 }
 

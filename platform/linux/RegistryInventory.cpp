@@ -38,6 +38,7 @@ void RegistryInventory::load() {
       Bundle& bundle = makeFolder(parentOf(path)).bundles[std::string(nameOf(path))];
       bundle.requested = entry.isRequested();
       bundle.entry = std::move(entry);
+      bundle.stored = true;
     }
   }
   for (const TopFolder& top : applicationFolders_) follower_.follow(top.path);

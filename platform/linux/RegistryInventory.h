@@ -55,6 +55,8 @@ class RegistryInventory {
   bool request(const std::string& path);
   bool withdraw(const std::string& path);
 
+  // Visits all that is to be stored.
+  void visitStored(const RegistryStore::Visitor& visit) const;
   Changes takeChanges() { return std::exchange(changes_, {}); }
 
  private:
@@ -69,6 +71,7 @@ class RegistryInventory {
     std::uint32_t visit = 0;  // in which it was looked at
     std::uint16_t links = 0;  // that lead here from a place of bundles
     bool requested = false;
+    bool stored = false;
   };
   struct Folder {
     std::string path;
@@ -130,8 +133,12 @@ class RegistryInventory {
   void uninstall(Bundle& bundle);
   void removeBundle(Folder& folder, const std::string& name, bool wanted);
   void keepVanished(const std::string& path);
-  void persist(const std::string& path, const Bundle& bundle);
+  void persist(const std::string& path, Bundle& bundle);
   Bundle* findBundle(const std::string& path);
+  // Not looked for when no language asks for them.
+  bool hasLocalizedNames(const RegistryBundle& found) const {
+    return !context_->languages.names().empty() && found.hasLocalizedNames();
+  }
 
   // Links in places of applications and bundles.
   bool lookAtLink(const std::string& path, RegistryUnit::Kind kind);

@@ -134,7 +134,7 @@ class Reader {
         tail(view.substr(at), JournalEnd::State::Damaged);
         return 0;
       }
-      visit_(end_.offset, view.substr(at + kHeadSize, head.keyLength),
+      visit_(view.substr(at + kHeadSize, head.keyLength),
              block.part(at + kHeadSize + head.keyLength, head.payloadLength));
       at += wanted;
       end_.offset += wanted;
@@ -185,12 +185,6 @@ void appendJournalEntry(std::string& out, std::string_view key, std::string_view
 
 std::uint64_t journalEntrySize(std::string_view key, std::uint64_t payloadSize) {
   return kHeadSize + key.size() + payloadSize;
-}
-
-bool isJournalEntry(std::string_view bytes) {
-  if (bytes.size() < kHeadSize) return false;
-  Head head = Head::of(bytes);
-  return head.isWhole() && head.size() == bytes.size() && head.fits(bytes.substr(kHeadSize));
 }
 
 JournalEnd readJournal(int fd, const JournalVisitor& visit) { return Reader(fd, visit).read(); }

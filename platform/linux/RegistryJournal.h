@@ -28,8 +28,6 @@ inline constexpr std::uint32_t kMaxJournalPayload = std::uint32_t{32} << 20;
 void appendJournalEntry(std::string& out, std::string_view key, std::string_view payload);
 // The bytes of an entry with its head.
 std::uint64_t journalEntrySize(std::string_view key, std::uint64_t payloadSize);
-// Whether these bytes are exactly one whole entry.
-bool isJournalEntry(std::string_view bytes);
 
 struct JournalEnd {
   enum class State { Whole, Torn, Damaged, NoJournal, ReadError };
@@ -38,9 +36,9 @@ struct JournalEnd {
   int errorNumber = 0;       // with ReadError
 };
 
-// Reads an open file from its start. `visit` is told each whole entry in order, with its place in the file; the payload
-// keeps the block of the file alive in which it was read, and is empty for a removal.
-using JournalVisitor = std::function<void(std::uint64_t offset, std::string_view key, const SharedSlice& payload)>;
+// Reads an open file from its start. `visit` is told each whole entry in order; the payload keeps the block of the file
+// alive in which it was read, and is empty for a removal.
+using JournalVisitor = std::function<void(std::string_view key, const SharedSlice& payload)>;
 JournalEnd readJournal(int fd, const JournalVisitor& visit);
 
 }  // namespace platform

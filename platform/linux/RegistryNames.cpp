@@ -32,8 +32,9 @@ RegistryLanguages RegistryLanguages::fromEnvironment() {
   return RegistryLanguages(lang == nullptr ? "" : lang);
 }
 
-void RegistryNames::setLocalized(bool localized) {
-  std::lock_guard lock(mutex_);
+void RegistryNames::setLocalized(const RegistryLanguages& languages, bool localized) {
+  if (!localized && !localized_.load(std::memory_order_relaxed)) return;
+  std::lock_guard lock(languages.mutex());
   localized_.store(localized, std::memory_order_relaxed);
   generation_ = 0;
   table_ = {};
@@ -42,7 +43,7 @@ void RegistryNames::setLocalized(bool localized) {
 PlistValue RegistryNames::table(const DeviceRoot& root, const RegistryLanguages& languages,
                                 const std::string& supportPath) const {
   if (languages.names().empty() || !localized_.load(std::memory_order_relaxed)) return {};
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(languages.mutex());
   if (generation_ == languages.generation()) return table_;
   generation_ = languages.generation();
   table_ = {};

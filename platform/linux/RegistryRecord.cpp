@@ -31,7 +31,7 @@ void RegistryApp::update(RegistryAppEntry entry, bool deep, bool localized) {
     entry_ = std::move(entry);
     deep_ = deep;
   }
-  names_.setLocalized(localized);
+  names_.setLocalized(context_->languages, localized);
 }
 
 std::optional<std::string> RegistryApp::localizedName() const {

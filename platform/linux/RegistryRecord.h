@@ -83,7 +83,7 @@ class RegistryRecord final : public RegistryPlugInRecord {
   const RegistryApp* application() const { return application_.get(); }
   // Whether registering it makes a data container.
   bool wantsDataContainer() const;
-  void setLocalized(bool localized) { names_.setLocalized(localized); }
+  void setLocalized(bool localized) { names_.setLocalized(context_->languages, localized); }
 
  private:
   friend class RegistryIndex;

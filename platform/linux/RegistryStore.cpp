@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <ctime>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 
 #include "platform/Log.h"
@@ -24,7 +25,7 @@ constexpr const char* kNextFileName = ".records.new";
 // A daemon that was told to end may still hold the folder when its successor starts.
 constexpr std::chrono::milliseconds kLockPatience{1000};
 constexpr std::chrono::milliseconds kLockPause{20};
-// Entries are written in pieces of this size: a first start with thousands of bundles builds no second copy of all.
+// Entries are written in pieces of this size.
 constexpr std::size_t kWriteSize = std::size_t{1} << 20;
 // A smaller file is not worth rewriting, however much of it is out of date.
 constexpr std::uint64_t kMinGarbage = std::uint64_t{256} << 10;
@@ -44,47 +45,6 @@ bool writeAt(int fd, std::string_view bytes, std::uint64_t offset) {
   }
   return true;
 }
-
-bool readAt(int fd, std::string& bytes, std::uint64_t offset) {
-  std::size_t length = 0;
-  while (length < bytes.size()) {
-    ssize_t got = ::pread(fd, bytes.data() + length, bytes.size() - length, static_cast<off_t>(offset + length));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return false;
-    if (got == 0) {
-      errno = EIO;
-      return false;
-    }
-    length += static_cast<std::size_t>(got);
-  }
-  return true;
-}
-
-// Collects entries and writes them in large pieces.
-class EntryWriter {
- public:
-  EntryWriter(int fd, std::uint64_t end) : fd_(fd), end_(end) {}
-  std::uint64_t end() const { return end_ + buffer_.size(); }
-  bool add(std::string_view key, std::string_view payload) {
-    appendJournalEntry(buffer_, key, payload);
-    return buffer_.size() < kWriteSize || flush();
-  }
-  bool addRaw(std::string_view bytes) {
-    buffer_ += bytes;
-    return buffer_.size() < kWriteSize || flush();
-  }
-  bool flush() {
-    if (!writeAt(fd_, buffer_, end_)) return false;
-    end_ += buffer_.size();
-    buffer_.clear();
-    return true;
-  }
-
- private:
-  const int fd_;
-  std::uint64_t end_;
-  std::string buffer_;
-};
 
 // Most of a block that was read is out of date: what counts is copied, so that the block can go.
 void releaseSparseBlocks(std::vector<RegistryStore::Entry>& entries) {
@@ -162,26 +122,24 @@ std::vector<RegistryStore::Entry> RegistryStore::load() {
   if (!openFolder()) return entries;
   openFile();
   if (!file_) return entries;
-  std::unordered_map<std::string, std::pair<Place, SharedSlice>> found;
-  JournalEnd end =
-      readJournal(file_.get(), [&](std::uint64_t offset, std::string_view key, const SharedSlice& payload) {
-        Place place{offset, journalEntrySize(key, payload.size())};
-        if (payload.size() == 0) {
-          found.erase(std::string(key));
-        } else {
-          found.insert_or_assign(std::string(key), std::pair(place, payload));
-        }
-      });
-  entries.reserve(found.size());
-  for (auto& [key, value] : found) {
-    places_.emplace(key, value.first);
-    live_ += value.first.size;
-    entries.push_back({key, std::move(value.second)});
-  }
-  found.clear();
-  std::sort(entries.begin(), entries.end(), [this](const Entry& a, const Entry& b) {
-    return places_.find(a.key)->second.offset < places_.find(b.key)->second.offset;
+  std::unordered_map<std::string, std::size_t> last;  // entry of each key that is not removed
+  JournalEnd end = readJournal(file_.get(), [&](std::string_view key, const SharedSlice& payload) {
+    if (payload.size() == 0) {
+      last.erase(std::string(key));
+    } else {
+      last.insert_or_assign(std::string(key), entries.size());
+      entries.push_back({std::string(key), payload});
+    }
   });
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    auto place = last.find(entries[i].key);
+    if (place == last.end() || place->second != i) continue;
+    live_ += journalEntrySize(entries[i].key, entries[i].payload.size());
+    if (kept != i) entries[kept] = std::move(entries[i]);
+    ++kept;
+  }
+  entries.resize(kept);
   releaseSparseBlocks(entries);
   adopt(end);
   return entries;
@@ -205,6 +163,7 @@ void RegistryStore::adopt(const JournalEnd& end) {
   errno = end.errorNumber != 0 ? end.errorNumber : EBADMSG;
   static_cast<void>(keepAside());
   rewriteDue_ = true;
+  changed_ = true;
 }
 
 // The file was not understood; whoever can may look at it later. Without another name for it nothing is written.
@@ -225,36 +184,46 @@ bool RegistryStore::keepAside() {
   return false;
 }
 
-void RegistryStore::put(std::string_view key, SharedSlice payload) {
-  if (writable_ && key.size() <= kMaxJournalKey && payload.size() <= kMaxJournalPayload) {
-    pending_.insert_or_assign(std::string(key), std::move(payload));
-  } else {
-    remove(key);
-  }
+void RegistryStore::change(std::string_view key, std::string_view payload) {
+  changed_ = true;
+  if (!writable_ || rewriteDue_) return;  // a new file will be made from what counts then
+  if (key.size() > kMaxJournalKey || payload.size() > kMaxJournalPayload) payload = {};
+  appendJournalEntry(changes_, key, payload);
+  // The first start with thousands of bundles builds no second copy of all.
+  if (changes_.size() >= kWriteSize) static_cast<void>(writeChanges());
 }
 
-void RegistryStore::remove(std::string_view key) {
-  std::string name(key);
-  if (writable_ && places_.contains(name)) {
-    pending_.insert_or_assign(std::move(name), SharedSlice());
-  } else {
-    pending_.erase(name);
-  }
-}
-
-bool RegistryStore::isRewriteDue() const {
-  std::uint64_t garbage = end_ - kJournalMagic.size() - live_;
-  return rewriteDue_ || (garbage > live_ && garbage > kMinGarbage);
+// What counts is measured again only when the file has doubled since: that costs as much as the change did.
+bool RegistryStore::isRewriteDue() {
+  auto isSparse = [this] { return end_ + changes_.size() > kJournalMagic.size() + 2 * live_ + kMinGarbage; };
+  if (rewriteDue_ || !isSparse()) return rewriteDue_;
+  live_ = 0;
+  content_(
+      [this](std::string_view key, const SharedSlice& payload) { live_ += journalEntrySize(key, payload.size()); });
+  return isSparse();
 }
 
 bool RegistryStore::append() {
-  bool mend = rewriteDue_ && !places_.empty();
-  if (!writable_ || (pending_.empty() && !mend)) return true;
-  if (!folder_ && !makeFolder()) return failed("write");
-  if (!file_ && !createFile()) return failed("write");
-  if (!(isRewriteDue() ? rewrite() : appendPending())) return failed("write");
-  pending_.clear();
+  // What could not be written is tried again with the next change.
+  if (!writable_ || !std::exchange(changed_, false)) return true;
+  if (!(isRewriteDue() ? rewrite() : writeChanges())) return false;
   failing_ = false;
+  return true;
+}
+
+bool RegistryStore::writeChanges() {
+  bool ready = (folder_ || makeFolder()) && (file_ || createFile());
+  if (!ready || !writeAt(file_.get(), changes_, end_)) {
+    static_cast<void>(failed("write"));
+    // What reached the file is not taken for entries, and what did not is in the next file.
+    if (file_) static_cast<void>(::ftruncate(file_.get(), static_cast<off_t>(end_)));
+    rewriteDue_ = true;
+    changes_ = {};
+    return false;
+  }
+  end_ += changes_.size();
+  changes_.clear();
+  flushDue_ = true;
   return true;
 }
 
@@ -274,84 +243,41 @@ bool RegistryStore::createFile() {
   return true;
 }
 
-bool RegistryStore::appendPending() {
-  EntryWriter writer(file_.get(), end_);
-  std::vector<std::pair<const std::string*, Place>> written;
-  written.reserve(pending_.size());
-  bool done = true;
-  for (const auto& [key, payload] : pending_) {
-    written.push_back({&key, {writer.end(), payload.size() == 0 ? 0 : journalEntrySize(key, payload.size())}});
-    done = done && writer.add(key, payload.view());
-  }
-  if (!done || !writer.flush()) {
-    int error = errno;
-    // What reached the file is not taken for entries; the next attempt writes over it.
-    if (::ftruncate(file_.get(), static_cast<off_t>(end_)) != 0) rewriteDue_ = true;
-    errno = error;
-    return false;
-  }
-  end_ = writer.end();
-  for (const auto& [key, place] : written) {
-    if (auto old = places_.find(*key); old != places_.end()) {
-      live_ -= old->second.size;
-      places_.erase(old);
-    }
-    if (place.size == 0) continue;
-    live_ += place.size;
-    places_.emplace(*key, place);
-  }
-  flushDue_ = true;
-  return true;
-}
-
-// Copies what counts and is not about to change, in the order of the old file.
-bool RegistryStore::copyLive(int target, Places& places, std::uint64_t& end) const {
-  std::vector<std::pair<Place, const std::string*>> live;
-  live.reserve(places_.size());
-  for (const auto& [key, place] : places_) {
-    if (!pending_.contains(key)) live.push_back({place, &key});
-  }
-  std::sort(live.begin(), live.end(), [](const auto& a, const auto& b) { return a.first.offset < b.first.offset; });
-  EntryWriter writer(target, end);
-  std::string bytes;
-  for (const auto& [place, key] : live) {
-    bytes.resize(place.size);
-    if (!readAt(file_.get(), bytes, place.offset)) return false;
-    if (!isJournalEntry(bytes)) {
-      VK_LOG(defaultLog(), Error, "the stored registration of %{public}@ was damaged", *key);
-      continue;
-    }
-    places.emplace(*key, Place{writer.end(), place.size});
-    if (!writer.addRaw(bytes)) return false;
-  }
-  for (const auto& [key, payload] : pending_) {
-    if (payload.size() == 0) continue;
-    places.emplace(key, Place{writer.end(), journalEntrySize(key, payload.size())});
-    if (!writer.add(key, payload.view())) return false;
-  }
-  if (!writer.flush()) return false;
-  end = writer.end();
-  return true;
+bool RegistryStore::writeContent(int target, std::uint64_t& end) const {
+  std::string buffer(kJournalMagic);
+  bool written = true;
+  auto flush = [&] {
+    written = written && writeAt(target, buffer, end);
+    end += buffer.size();
+    buffer.clear();
+  };
+  end = 0;
+  content_([&](std::string_view key, const SharedSlice& payload) {
+    appendJournalEntry(buffer, key, payload.view());
+    if (buffer.size() >= kWriteSize) flush();
+  });
+  flush();
+  return written;
 }
 
 bool RegistryStore::rewrite() {
+  if (!folder_ && !makeFolder()) return failed("write");
   static_cast<void>(::unlinkat(folder_.get(), kNextFileName, 0));  // of a process that did not come to the end of this
   UniqueFd next(::openat(folder_.get(), kNextFileName, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
-  Places places;
-  std::uint64_t end = kJournalMagic.size();
-  bool done = next && ::fchmod(next.get(), kFileMode) == 0 && writeAt(next.get(), kJournalMagic, 0) &&
-              copyLive(next.get(), places, end) && ::fsync(next.get()) == 0 &&
-              ::renameat(folder_.get(), kNextFileName, folder_.get(), kFileName) == 0;
+  std::uint64_t end = 0;
+  bool done = next && ::fchmod(next.get(), kFileMode) == 0 && writeContent(next.get(), end) &&
+              ::fsync(next.get()) == 0 && ::renameat(folder_.get(), kNextFileName, folder_.get(), kFileName) == 0;
   if (!done) {
-    int error = errno;
+    static_cast<void>(failed("write"));
     if (next) static_cast<void>(::unlinkat(folder_.get(), kNextFileName, 0));
-    errno = error;
+    rewriteDue_ = true;
+    changes_ = {};
     return false;
   }
   file_ = std::move(next);
-  places_ = std::move(places);
   end_ = end;
   live_ = end - kJournalMagic.size();
+  changes_ = {};
   rewriteDue_ = false;
   flushDue_ = true;
   folderFlushDue_ = true;
@@ -359,18 +285,18 @@ bool RegistryStore::rewrite() {
 }
 
 bool RegistryStore::sync() {
-  if (!flushDue_) return pending_.empty();
+  if (!flushDue_) return !rewriteDue_;
   if (::fdatasync(file_.get()) != 0) {
     // What a failed flush leaves on disk is unknown, and a second one may claim success.
     rewriteDue_ = true;
+    changed_ = true;
+    flushDue_ = false;
     return failed("flush");
   }
   if (folderFlushDue_ && ::fsync(folder_.get()) != 0) return failed("flush");
   if (parentsFlushDue_ && !flushParents()) return failed("flush");
-  folderFlushDue_ = false;
-  parentsFlushDue_ = false;
-  flushDue_ = false;
-  return pending_.empty();
+  flushDue_ = folderFlushDue_ = parentsFlushDue_ = false;
+  return true;
 }
 
 bool RegistryStore::flushParents() const {

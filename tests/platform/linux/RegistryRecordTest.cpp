@@ -125,6 +125,7 @@ TEST(RegistryRecord, AnswersIdentifiersNamesAndEntitlements) {
   registry->clearSchemaCaches();
   EXPECT_EQ(both->localizedShortName(), "Kurz");
   EXPECT_EQ(both->localizedName(), "Long") << "the better language is the only one that counts";
+  registry = nullptr;
   registry = device.open("C");
   EXPECT_EQ(recordAt(*registry, "/System/Library/PlugIns/both")->localizedName(), "Long");
 }
