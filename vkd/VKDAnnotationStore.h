@@ -62,7 +62,6 @@ class VKDAnnotationStore {
  private:
   VKDAnnotationStore(const Services& services, FileURL url);
   void load();
-  bool migrate();
   bool keepUnreadableFile(DomainError* error);
   // The table to change: a copy when a snapshot of the present one is held.
   AnnotationTable& writableTable();
