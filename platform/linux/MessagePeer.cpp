@@ -64,6 +64,8 @@ std::string MessagePeer::frameArrived(const FrameHeader& header, const SharedSli
   if (header.type == FrameType::Reply) {
     return replies_.arrived(header.id, std::move(message)) ? "" : "a reply to no request";
   }
+  // Only a dictionary can be replied to.
+  if (header.type == FrameType::Request && !message.isDictionary()) socket_->expectNoReply(header.id);
   deliver(std::move(message));
   return {};
 }

@@ -125,6 +125,12 @@ bool MessageSocket::forgetRequest(std::uint64_t id) {
   return true;
 }
 
+void MessageSocket::expectNoReply(std::uint64_t id) {
+  std::lock_guard lock(mutex_);
+  forgetRequest(id);
+  review();
+}
+
 void MessageSocket::close() {
   std::lock_guard lock(mutex_);
   breakOff();

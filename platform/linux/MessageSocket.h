@@ -62,6 +62,8 @@ class MessageSocket final : public EventSource, public std::enable_shared_from_t
 
   // Dropped when the socket is closed, and for a reply when that request was answered before. From any thread.
   void send(FrameType type, std::uint64_t id, Rope payload);
+  // The request will never be answered, and no longer counts as one that waits. From any thread.
+  void expectNoReply(std::uint64_t id);
   // Ends the connection; socketClosed() follows on the delivery. From any thread.
   void close();
   void cutOff(std::string_view reason);

@@ -181,6 +181,17 @@ TEST_F(ClientsTest, WhoSendsWithoutReadingIsNotReadFurtherAndLosesNothing) {
   expectAllReturned();
 }
 
+TEST_F(ClientsTest, WhatAsksForNothingTakesNoPlaceAmongTheWaitingRequests) {
+  begin();
+  WireClient client(root_);
+  std::string bytes;
+  for (std::uint64_t id = 1; id <= 300; ++id) bytes += WireClient::frame(Message("no request"), id);
+  ASSERT_TRUE(client.sendBytes(bytes + WireClient::frame(WireClient::request("bulk"), 301)));
+  std::uint64_t id = 0;
+  EXPECT_TRUE(client.receive(&id)) << "its connection is not read any more";
+  EXPECT_EQ(id, 301U);
+}
+
 TEST_F(ClientsTest, AStormOfConnectionsPasses) {
   begin();
   {
