@@ -35,7 +35,8 @@ std::optional<ExternalService> read(int directory, const char* name, const Proce
   UniqueFd path(::openat(directory, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   UniqueFd file = path ? reopenRegularFile(path.get()) : UniqueFd();
   std::optional<std::string> bytes = file ? readAll(file.get(), kMaxServiceRecordBytes) : std::nullopt;
-  PlistValue record = bytes ? parsePropertyList(*bytes) : PlistValue();
+  // An overlay wraps what a manifest may have nested as deeply as a file can.
+  PlistValue record = bytes ? parsePropertyList(*bytes, nullptr, kPlistMaxDepth) : PlistValue();
   if (!record.isDictionary()) return std::nullopt;
   return ExternalService{host,
                          std::string(record["Executable"].stringValue()),
