@@ -49,7 +49,7 @@ std::optional<DomainError> VKDPlugIn::enableForClient(const HostClient& client) 
   const auto bundle = VKBundle::initWithURL(*surroundings_.services.serviceBundles, url());
   const auto executable = bundle->executablePath();
   // A bundle without an executable answers its own path, which nobody can run.
-  if (!executable || *executable == path() || executable == bundle->path()) {
+  if (!executable || executable == bundle->path()) {
     VK_LOG(vk_ops(), Error, "failed to obtain execPath for plug-in %@(%{public}@) bundle=%@", *this, uuidText, *bundle);
     return vk_errorf(VKErrorInvalidRequest, "cannot obtain executable path for plug-in %@(%@)", identifier(), uuidText);
   }

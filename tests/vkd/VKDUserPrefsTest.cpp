@@ -13,8 +13,10 @@ TEST(VKDUserPrefsTest, ExclusionsFollowTheFileAndAreCompiledOnlyWhenItChanged) {
   preferences->exclusions = list({"no dictionary", rules});
   EXPECT_EQ(prefs->exclusions(), preferences->exclusions);
   ASSERT_EQ(prefs->exclusionRules().size(), 1U);
-  const auto* compiled = prefs->exclusionRules().front().entries().data();
-  EXPECT_EQ(prefs->exclusionRules().front().entries().data(), compiled);
+  preferences->exclusions = list({"no dictionary", dictionary({{"ZoExtensionIdentifier", "a"}})});
+  EXPECT_EQ(prefs->exclusionRules().front().entries().front().pattern.stringValue().data(),
+            rules["ZoExtensionIdentifier"].stringValue().data())
+      << "an equal value leaves the rules as they were compiled";
   for (const PlistValue& none : {PlistValue("malformed"), rules, PlistValue()}) {
     preferences->exclusions = none;
     EXPECT_TRUE(prefs->exclusionRules().empty());
