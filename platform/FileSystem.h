@@ -25,11 +25,13 @@ class FileSystem {
   // The whole of a regular file of at most `limit` bytes. On failure nothing and *error (FileErrorDomain).
   virtual std::optional<std::string> readFile(const FileURL& url, DomainError* error,
                                               std::uint64_t limit = std::uint64_t{256} << 20) = 0;
-  // Writes aside, flushes, moves over the old file and flushes the directory: after true the new content survives a
-  // power cut, before it the old or the new one does. Never follows a link in the last component.
+  // Writes aside, flushes, moves over the old file and flushes the directory and those above it: after true the new
+  // content survives a power cut, before it the old or the new one does. A missing directory is made. Never follows a
+  // link in the last component.
   virtual bool writeFileAtomically(const FileURL& url, std::string_view bytes, DomainError* error) = 0;
-  // Moves a file within its file system and flushes the directory; an existing target is never replaced.
-  virtual bool moveFile(const FileURL& from, const FileURL& to, DomainError* error) = 0;
+  // What lies under a name survives a power cut under a second one, which must be free and in the same file system. It
+  // keeps its first name until that is written anew, unless it can only have one: then it is moved.
+  virtual bool keepFile(const FileURL& file, const FileURL& secondName, DomainError* error) = 0;
   // With missing parents, all with these permissions; an existing directory is success.
   virtual bool createDirectory(const FileURL& url, unsigned permissions, DomainError* error) = 0;
   // Nothing when there is no regular file.

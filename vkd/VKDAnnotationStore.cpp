@@ -239,7 +239,7 @@ bool VKDAnnotationStore::keepUnreadableFile(DomainError* error) {
     const FileURL aside{attempt == 0 ? base : base + "-" + std::to_string(attempt)};
     if (services_.files->exists(aside)) continue;
     DomainError problem;
-    if (services_.files->moveFile(annotationsURL_, aside, &problem)) {
+    if (services_.files->keepFile(annotationsURL_, aside, &problem)) {
       VK_LOG(vk_ops(), Error, "kept the annotation database that could not be loaded at %{public}@", aside);
     } else if (!problem.isInDomain(FileErrorDomain) || problem.code != FileErrorNoSuchFile) {
       if (error != nullptr) *error = std::move(problem);

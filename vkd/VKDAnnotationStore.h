@@ -7,8 +7,8 @@
 // Owned by VKDatabase. After construction everything runs on the registry's queue, except that a snapshot may be read
 // anywhere.
 //
-// What a save cannot lose: a file that could not be read is moved aside, and the log says where, before the first save
-// takes its place. While it cannot be moved, saves fail and changes are kept in memory only.
+// What a save cannot lose: a file that could not be read gets a second name, and the log says which, before the first
+// save takes its place. While it cannot get one, saves fail and changes are kept in memory only.
 //
 // What a client cannot break: an annotation that a file cannot hold as it is (AnnotationXML.h) is saved as far as
 // possible, or kept in memory only; all others are saved.

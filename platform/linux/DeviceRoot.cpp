@@ -133,7 +133,7 @@ bool DeviceRoot::linkStat(std::string_view devicePath, struct stat* result) cons
   return path && ::fstat(path.get(), result) == 0;
 }
 
-UniqueFd DeviceRoot::makeDirectories(std::string_view devicePath, mode_t mode, bool durable) const {
+UniqueFd DeviceRoot::makeDirectories(std::string_view devicePath, mode_t mode) const {
   constexpr int kFlags = O_RDONLY | O_DIRECTORY;
   UniqueFd directory = open(devicePath, kFlags);
   if (directory || errno != ENOENT) return directory;
@@ -143,11 +143,8 @@ UniqueFd DeviceRoot::makeDirectories(std::string_view devicePath, mode_t mode, b
     std::size_t end = std::min(devicePath.find('/', start), devicePath.size());
     UniqueFd parent = open(devicePath.substr(0, std::max<std::size_t>(start, 1)), kFlags);
     if (!parent) return parent;
-    if (makeDirectory(parent.get(), std::string(devicePath.substr(start, end - start)).c_str(), mode)) {
-      if (durable && ::fsync(parent.get()) != 0) return {};
-    } else if (errno != EEXIST) {
-      return {};
-    }
+    bool made = makeDirectory(parent.get(), std::string(devicePath.substr(start, end - start)).c_str(), mode);
+    if (!made && errno != EEXIST) return {};
     at = end;
   }
   return open(devicePath, kFlags);

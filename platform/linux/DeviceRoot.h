@@ -35,9 +35,9 @@ class DeviceRoot {
   // As stat(2) / lstat(2) of a device path; false and errno on failure.
   bool stat(std::string_view devicePath, struct stat* result) const;
   bool linkStat(std::string_view devicePath, struct stat* result) const;
-  // Makes the directory with missing parents, all with exactly this mode, and opens it for reading. `durable`: what was
-  // made survives a power cut.
-  UniqueFd makeDirectories(std::string_view devicePath, mode_t mode, bool durable = false) const;
+  // Makes the directory with missing parents, all with exactly this mode, and opens it for reading. Nothing is
+  // flushed.
+  UniqueFd makeDirectories(std::string_view devicePath, mode_t mode) const;
 
   // The device path of a host path inside the root; nothing for one outside. Looks at the text only.
   std::optional<std::string> devicePath(std::string_view hostPath) const;

@@ -132,6 +132,19 @@ PlistValue readPlistFile(const DeviceRoot& root, std::string_view devicePath, Do
   return parsePropertyList(*bytes, error);
 }
 
+bool flushFoldersAbove(const DeviceRoot& root, std::string_view folder) {
+  std::size_t end = folder.find_last_not_of('/');
+  while (end != std::string_view::npos) {
+    std::size_t slash = folder.rfind('/', end);
+    if (slash == std::string_view::npos) break;
+    UniqueFd above = root.open(folder.substr(0, slash + 1), O_RDONLY | O_DIRECTORY);
+    bool done = above && ::fsync(above.get()) == 0;
+    if (!done && errno != EACCES && errno != EINVAL && errno != EROFS) return false;
+    end = folder.substr(0, slash).find_last_not_of('/');
+  }
+  return true;
+}
+
 bool replaceFile(int directory, const std::string& name, std::string_view bytes, mode_t mode, bool durable) {
   UniqueFd unnamed(::openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
   bool moved = unnamed && fill(unnamed.get(), bytes, mode, durable) && moveUnnamed(directory, unnamed.get(), name);

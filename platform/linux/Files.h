@@ -31,6 +31,10 @@ bool writeAll(int fd, std::string_view bytes);
 PlistValue readPlistFile(const DeviceRoot& root, std::string_view devicePath, DomainError* error = nullptr,
                          std::uint64_t limit = kMaxPlistFileBytes);
 
+// Flushes the folders above this one up to the root, so that its name survives a power cut. A folder that this process
+// may not read or that cannot be flushed at all is left out: nobody made anything in it. False and errno.
+bool flushFoldersAbove(const DeviceRoot& root, std::string_view folder);
+
 // What lies in the directory under this name is replaced at once by these bytes, with exactly this mode; a link of that
 // name is replaced too, not followed. `durable`: file and directory are flushed, the new content survives a power cut.
 // Two writers leave the content of one of them. False and errno; the directory is then as it was.

@@ -13,6 +13,7 @@ namespace platform {
 namespace {
 
 constexpr mode_t kNewFileMode = 0644;
+constexpr mode_t kNewFolderMode = 0755;
 // Time stamps of files advance in ticks of a few milliseconds.
 constexpr std::int64_t kSettlingNanoseconds = 50'000'000;
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY;
@@ -20,17 +21,20 @@ constexpr int kDirectory = O_RDONLY | O_DIRECTORY;
 // A file by the open directory that holds it, so that both are the same from one step to the next.
 struct Place {
   UniqueFd directory;
+  std::string_view path;  // of the directory
   std::string name;
 };
 
-std::optional<Place> placeOf(const DeviceRoot& root, std::string_view path) {
+std::optional<Place> placeOf(const DeviceRoot& root, std::string_view path, bool make) {
   std::size_t slash = path.rfind('/');
   std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
   if (slash == std::string_view::npos || !isSafeComponent(name)) {
     errno = EINVAL;
     return std::nullopt;
   }
-  Place place{root.open(path.substr(0, slash + 1), kDirectory), std::string(name)};
+  std::string_view folder = path.substr(0, slash + 1);
+  Place place{make ? root.makeDirectories(folder, kNewFolderMode) : root.open(folder, kDirectory), folder,
+              std::string(name)};
   if (!place.directory) return std::nullopt;
   return place;
 }
@@ -47,15 +51,12 @@ mode_t modeFor(const Place& place) {
   return found == 0 && S_ISREG(old.st_mode) ? old.st_mode & 0777 : kNewFileMode;
 }
 
-bool renameUnlessThere(const Place& from, const Place& to) {
-  if (::renameat2(from.directory.get(), from.name.c_str(), to.directory.get(), to.name.c_str(), RENAME_NOREPLACE) ==
-      0) {
-    return true;
-  }
-  if (errno != EINVAL && errno != ENOSYS) return false;
-  // A file system that cannot refuse to replace: a second name refuses too.
-  return ::linkat(from.directory.get(), from.name.c_str(), to.directory.get(), to.name.c_str(), 0) == 0 &&
-         ::unlinkat(from.directory.get(), from.name.c_str(), 0) == 0;
+bool linkOrMove(const Place& from, const Place& to) {
+  if (::linkat(from.directory.get(), from.name.c_str(), to.directory.get(), to.name.c_str(), 0) == 0) return true;
+  // A directory, a file system without second names, or a file that this user may not give one.
+  bool otherWay = errno == EPERM || errno == EOPNOTSUPP || errno == EMLINK;
+  return otherWay && ::renameat2(from.directory.get(), from.name.c_str(), to.directory.get(), to.name.c_str(),
+                                 RENAME_NOREPLACE) == 0;
 }
 
 std::int64_t nanoseconds(const timespec& time) { return time.tv_sec * 1'000'000'000 + time.tv_nsec; }
@@ -70,23 +71,35 @@ std::optional<std::string> LinuxFileSystem::readFile(const FileURL& url, DomainE
 }
 
 bool LinuxFileSystem::writeFileAtomically(const FileURL& url, std::string_view bytes, DomainError* error) {
-  std::optional<Place> place = placeOf(*root_, url.path);
-  if (!place) return failed(error, url);
+  std::optional<Place> place = placeOf(*root_, url.path, true);
+  if (!place || !flushAbove(place->directory.get(), place->path)) return failed(error, url);
   return replaceFile(place->directory.get(), place->name, bytes, modeFor(*place), true) || failed(error, url);
 }
 
-bool LinuxFileSystem::moveFile(const FileURL& from, const FileURL& to, DomainError* error) {
-  std::optional<Place> source = placeOf(*root_, from.path);
-  if (!source) return failed(error, from);
-  std::optional<Place> target = placeOf(*root_, to.path);
-  if (!target || !renameUnlessThere(*source, *target)) return failed(error, to);
+// Whoever made the folders may not have flushed their names. Once for a folder: a name that is there stays there.
+bool LinuxFileSystem::flushAbove(int folder, std::string_view path) {
+  struct stat state {};
+  if (::fstat(folder, &state) != 0) return false;
+  const std::pair<std::uint64_t, std::uint64_t> identity{state.st_dev, state.st_ino};
+  std::lock_guard lock(mutex_);
+  if (flushed_ == identity) return true;
+  if (!flushFoldersAbove(*root_, path)) return false;
+  flushed_ = identity;
+  return true;
+}
+
+bool LinuxFileSystem::keepFile(const FileURL& file, const FileURL& secondName, DomainError* error) {
+  std::optional<Place> source = placeOf(*root_, file.path, false);
+  if (!source) return failed(error, file);
+  std::optional<Place> target = placeOf(*root_, secondName.path, false);
+  if (!target || !linkOrMove(*source, *target)) return failed(error, secondName);
   // The new name first: a power cut in between leaves the file under both names rather than under none.
-  if (::fsync(target->directory.get()) != 0 || ::fsync(source->directory.get()) != 0) return failed(error, to);
+  if (::fsync(target->directory.get()) != 0 || ::fsync(source->directory.get()) != 0) return failed(error, secondName);
   return true;
 }
 
 bool LinuxFileSystem::createDirectory(const FileURL& url, unsigned permissions, DomainError* error) {
-  return root_->makeDirectories(url.path, permissions, true) || failed(error, url);
+  return root_->makeDirectories(url.path, permissions) || failed(error, url);
 }
 
 std::optional<FileSystem::Stamp> stampOf(const DeviceRoot& root, std::string_view devicePath) {

@@ -26,7 +26,7 @@ std::optional<FileURL> LinuxContainerService::userDataContainer(std::uint32_t co
                                                                 std::string_view identifier, std::uint64_t* errorCode) {
   std::string path = userFolder() + "/Containers/" + std::to_string(containerClass) + "/" + std::string(identifier);
   errno = EINVAL;
-  UniqueFd made = isSafeComponent(identifier) ? root_->makeDirectories(path, 0700, true) : UniqueFd();
+  UniqueFd made = isSafeComponent(identifier) ? root_->makeDirectories(path, 0700) : UniqueFd();
   if (made) return FileURL{std::move(path)};
   if (errorCode != nullptr) *errorCode = static_cast<std::uint64_t>(errno);
   return std::nullopt;

@@ -17,7 +17,7 @@ using namespace platform;
 struct FakeFileSystem : FileSystem {
   std::map<std::string, std::string> contents;
   std::map<std::string, unsigned> directories;
-  std::int64_t readError = 0, writeError = 0, moveError = 0, directoryError = 0;  // what to fail with; 0: succeed
+  std::int64_t readError = 0, writeError = 0, keepError = 0, directoryError = 0;  // what to fail with; 0: succeed
   int writes = 0;
 
   std::optional<std::string> readFile(const FileURL& url, DomainError* error, std::uint64_t) override {
@@ -31,14 +31,12 @@ struct FakeFileSystem : FileSystem {
     contents[url.path] = bytes;
     return true;
   }
-  bool moveFile(const FileURL& from, const FileURL& to, DomainError* error) override {
+  bool keepFile(const FileURL& from, const FileURL& to, DomainError* error) override {
     constexpr std::int64_t kExists = 17;
-    if (moveError != 0) return fail(error, moveError);
+    if (keepError != 0) return fail(error, keepError);
     if (!contents.contains(from.path)) return fail(error, FileErrorNoSuchFile);
     if (contents.contains(to.path)) return fail(error, kExists);
-    auto node = contents.extract(from.path);
-    node.key() = to.path;
-    contents.insert(std::move(node));
+    contents[to.path] = contents[from.path];
     return true;
   }
   bool createDirectory(const FileURL& url, unsigned permissions, DomainError* error) override {

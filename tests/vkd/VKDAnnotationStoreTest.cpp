@@ -101,14 +101,14 @@ TEST_F(VKDAnnotationStoreTest, AFileThatCannotBeLoadedIsLoggedAndKeptBesideBefor
   }
 }
 
-TEST_F(VKDAnnotationStoreTest, AFileThatCannotBeMovedAsideIsNotReplaced) {
+TEST_F(VKDAnnotationStoreTest, AFileThatCannotBeKeptAsideIsNotReplaced) {
   device.files->contents[kShared] = "garbage";
   start();
-  device.files->moveError = 30;
+  device.files->keepError = 30;
   set("a", elected);
   EXPECT_EQ(device.files->contents[kShared], "garbage");
   EXPECT_EQ(log.count("unable to save annotations:/var/db/Vornik-Annotations error:file error 30"), 1);
-  device.files->moveError = 0;
+  device.files->keepError = 0;
   set("b", elected);
   EXPECT_EQ(asides().size(), 1U);
   EXPECT_EQ(fileAt(kShared)["data"], dictionary({{"a", elected}, {"b", elected}}));

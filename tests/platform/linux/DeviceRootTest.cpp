@@ -197,10 +197,11 @@ TEST(FileSystem, ReplacesAFileAtOnceAndLeavesNothingBeside) {
   ASSERT_TRUE(files.writeFileAtomically({"/db/file"}, "newer", &error));
   scratch.write("/db/folder/x", "");
   EXPECT_FALSE(files.writeFileAtomically({"/db/folder"}, "new", &error));
-  EXPECT_FALSE(files.writeFileAtomically({"/none/file"}, "new", &error));
+  EXPECT_FALSE(files.writeFileAtomically({"/db/file/below"}, "new", &error));
   EXPECT_TRUE(error.isInDomain(FileErrorDomain));
-  EXPECT_EQ(error.code, FileErrorNoSuchFile);
-  EXPECT_EQ(error.description, "/none/file: No such file or directory");
+  EXPECT_EQ(error.code, ENOTDIR);
+  EXPECT_EQ(error.description, "/db/file/below: Not a directory");
+  EXPECT_TRUE(files.writeFileAtomically({"/made/for/file"}, "new", &error));
   std::set<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(scratch.host("/db")))
     names.insert(entry.path().filename());
@@ -224,7 +225,7 @@ TEST(FileSystem, ConcurrentWritersLeaveOneWholeContent) {
   EXPECT_TRUE(text == std::string(5000, 'a') || text == std::string(5000, 'b'));
 }
 
-TEST(FileSystem, ReadsMovesAndStamps) {
+TEST(FileSystem, ReadsKeepsAndStamps) {
   ScratchRoot scratch;
   LinuxFileSystem files(scratch.root());
   scratch.write("/a", "12345");
@@ -235,13 +236,16 @@ TEST(FileSystem, ReadsMovesAndStamps) {
   EXPECT_EQ(error.code, EFBIG);
   EXPECT_EQ(files.readFile({"/none"}, &error, 5), std::nullopt);
   EXPECT_EQ(error.code, FileErrorNoSuchFile);
-  EXPECT_FALSE(files.moveFile({"/a"}, {"/b"}, &error));
+  EXPECT_FALSE(files.keepFile({"/a"}, {"/b"}, &error));
   EXPECT_EQ(error.code, EEXIST);
   EXPECT_EQ(scratch.read("/b"), "other");
   auto stamp = files.stampOfFile({"/a"});
-  EXPECT_TRUE(files.moveFile({"/a"}, {"/c"}, &error));
-  EXPECT_FALSE(files.exists({"/a"}));
+  EXPECT_TRUE(files.keepFile({"/a"}, {"/c"}, &error));
+  EXPECT_EQ(files.stampOfFile({"/a"})->inode, stamp->inode);
   EXPECT_EQ(files.stampOfFile({"/c"})->inode, stamp->inode);
+  std::filesystem::create_directory(scratch.host("/folder"));
+  EXPECT_TRUE(files.keepFile({"/folder"}, {"/d"}, &error)) << "moved: it can have only one name";
+  EXPECT_FALSE(files.exists({"/folder"}));
   scratch.write("/c", "1234567");
   EXPECT_NE(files.stampOfFile({"/c"}), stamp);
   EXPECT_EQ(files.stampOfFile({"/"}), std::nullopt);

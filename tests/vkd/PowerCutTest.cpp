@@ -1,0 +1,138 @@
+// Whatever a power cut leaves of a save, a start or a migration can be loaded again and says what was said to be saved.
+//
+// POWER_CUTS=full tries a second cut after every first one; by default after some.
+#include <cstdio>
+
+#include "platform/PropertyList.h"
+#include "platform/linux/LinuxFileSystem.h"
+#include "platform/linux/LinuxUserServices.h"
+#include "tests/Support/RegistryDevice.h"
+#include "tests/fault/PowerCut.h"
+#include "tests/vkd/PlugInFixture.h"
+#include "vkd/VKDAnnotationStore.h"
+
+namespace vkd::testing {
+namespace {
+
+const std::string kVar = "/var";
+constexpr const char* kShared = "/var/db/Vornik-Annotations";
+constexpr const char* kMultiUser = "/var/db/multi-user";
+constexpr std::size_t kSecondCuts = 23;
+
+std::size_t stride() { return std::getenv("POWER_CUTS") != nullptr ? 1 : kSecondCuts; }
+
+std::string perUser() {
+  return "/var/users/" + std::to_string(::getuid()) + "/Containers/10/com.vantrel.vkd/com.vantrel.vornik/Annotations";
+}
+
+// --- Annotations
+// ------------------------------------------------------------------------------------------------------
+
+constexpr int kNone = -1;  // nothing is stored
+
+// What may be stored after a cut: a save that was begun or was not, and none older than what was reported as saved.
+struct Oracle {
+  struct Save {
+    int number;
+    std::size_t from, reported;  // counted in operations
+  };
+  int before;
+  std::vector<Save> saves;
+
+  std::set<int> allowed(const fault::State& state) const {
+    std::set<int> numbers{before};
+    for (const Save& save : saves) {
+      if (save.reported <= state.last) numbers.clear();
+      if (save.from < state.first || save.reported <= state.last) numbers.insert(save.number);
+    }
+    return numbers;
+  }
+};
+
+bool isKept(const std::string& content, const fault::Tree& tree) {
+  return std::any_of(tree.begin(), tree.end(), [&](const auto& file) { return file.second == content; });
+}
+
+class AnnotationPowerCut : public PlugInFixture {
+ protected:
+  AnnotationPowerCut() {
+    services.users = std::make_shared<LinuxUserManager>(scratch.root());
+    services.containers = std::make_shared<LinuxContainerService>(scratch.root());
+  }
+  // The number that is stored.
+  int start() {
+    store = nullptr;
+    services.files = std::make_shared<LinuxFileSystem>(scratch.root());
+    store = VKDAnnotationStore::initWithDatabase(services, std::nullopt);
+    return stored();
+  }
+  int stored() const {
+    const PlistValue annotation = store->annotationForIdentifier("test.plugin");
+    return annotation ? static_cast<int>(annotation["election"].intValue()) : kNone;
+  }
+  Oracle::Save save(int number, const fault::Recording& recording) {
+    const std::size_t from = recording.now();
+    store->setAnnotationForPlugIn(dictionary({{"election", number}}), *make());
+    EXPECT_EQ(log.count("unable to save"), 0) << log.all();
+    return {number, from, recording.now()};
+  }
+  void put(const std::string& path, int number) {
+    const PlistValue data = dictionary({{"test.plugin", dictionary({{"election", number}})}});
+    scratch.write(path, serializePropertyListXML(dictionary({{"version", 16}, {"data", data}})));
+  }
+
+  support::ScratchRoot scratch;
+  Services services = device.services();
+  std::unique_ptr<VKDAnnotationStore> store;
+};
+
+TEST_F(AnnotationPowerCut, LeavesTheOldOrTheNewTable) {
+  const struct {
+    const char* name;
+    std::function<void()> prepare;
+    int before;
+    std::string kept;
+  } starts[] = {
+      {"first start", [] {}, kNone, ""},
+      {"first start, multi-user", [&] { scratch.write(kMultiUser, ""); }, kNone, ""},
+      {"later start", [&] { put(kShared, 0); }, 0, ""},
+      {"to multi-user", [&] { put(kShared, 0), scratch.write(kMultiUser, ""); }, 0, ""},
+      {"to single-user", [&] { put(perUser(), 0); }, 0, ""},
+      {"unreadable", [&] { scratch.write(kShared, "garbage"); }, kNone, "garbage"},
+  };
+  std::size_t checked = 0;
+  for (const auto& test : starts) {
+    for (bool unnamed : {true, false}) {
+      SCOPED_TRACE(std::string(test.name) + (unnamed ? "" : ", without unnamed files"));
+      std::optional<fault::Trouble> without;
+      if (!unnamed) without.emplace("tmpfile", EOPNOTSUPP);
+      std::filesystem::remove_all(scratch.host(kVar));
+      test.prepare();
+      fault::Recording recording(scratch, kVar);
+      Oracle oracle{test.before, {}};
+      ASSERT_EQ(start(), test.before);
+      for (int number = 1; number <= 3; ++number) oracle.saves.push_back(save(number, recording));
+      for (const fault::State& state : recording.states()) {
+        SCOPED_TRACE("after " + std::to_string(state.first) + " to " + std::to_string(state.last) + " operations");
+        fault::restore(scratch, kVar, state);
+        fault::Recording again(scratch, kVar);
+        const int found = start();
+        ASSERT_TRUE(oracle.allowed(state).contains(found)) << found << " is stored\n" << state;
+        ASSERT_TRUE(test.kept.empty() || isKept(test.kept, state.tree)) << state;
+        if (++checked % stride() != 0) continue;
+        const Oracle next{found, {save(4, again)}};
+        for (const fault::State& second : again.states()) {
+          fault::restore(scratch, kVar, second);
+          const int then = start();
+          ASSERT_TRUE(next.allowed(second).contains(then)) << "first " << found << ", then " << then << '\n' << second;
+          ++checked;
+        }
+      }
+    }
+  }
+  std::printf("%zu states\n", checked);
+  EXPECT_GT(checked, 500U);
+}
+
+}  // namespace
+}  // namespace vkd::testing
