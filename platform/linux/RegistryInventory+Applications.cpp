@@ -48,6 +48,9 @@ void RegistryInventory::dropApplication(const std::string& path) {
   std::string plugIns = std::exchange(known->second.plugIns, {});
   known->second.record = nullptr;
   if (known->second.links == 0) applications_.erase(known);  // else a link waits for it to come back
+  for (const std::string& support : {path, joinPath(path, kContentsFolder)}) {
+    follower_.unfollow(joinPath(support, kPlugInsFolder), RegistryPathFollower::Link);
+  }
   index_->removeApplication(path);
   store_.remove(kApplicationKey + path);
   detachFolder(plugIns);
@@ -93,11 +96,24 @@ bool RegistryInventory::readApplication(const std::string& path, Application& ap
   return true;
 }
 
+// Where the folder of plug-ins at this path is, or would be; nothing when that cannot be found out now.
+std::optional<std::string> RegistryInventory::placeOfPlugIns(const std::string& path) {
+  std::optional<std::string> canonical = context_->root->canonicalPath(path);
+  if (!canonical && isPassingError(errno)) return std::nullopt;
+  struct stat state {};
+  bool link = canonical ? *canonical != path : context_->root->linkStat(path, &state) && S_ISLNK(state.st_mode);
+  if (link) {
+    follower_.follow(path, RegistryPathFollower::Link);
+  } else {
+    follower_.unfollow(path, RegistryPathFollower::Link);
+  }
+  return canonical ? canonical : path;
+}
+
 void RegistryInventory::attachFolder(Application& application, const RegistryBundle& found) {
-  const std::string wanted = joinPath(found.supportPath(), kPlugInsFolder);
-  std::optional<std::string> canonical = context_->root->canonicalPath(wanted);
-  if (!canonical && isPassingError(errno)) return retry(RegistryUnit::Kind::Application, found.path());
-  std::string path = canonical.value_or(wanted);
+  std::optional<std::string> place = placeOfPlugIns(joinPath(found.supportPath(), kPlugInsFolder));
+  if (!place) return retry(RegistryUnit::Kind::Application, found.path());
+  const std::string& path = *place;
   const Folder* taken = findFolder(path);
   if (taken != nullptr && taken->application && taken->application != application.record) return;
   std::string old = std::exchange(application.plugIns, path);
@@ -171,7 +187,7 @@ void RegistryInventory::lookAtKnown(const std::string& path) {
 void RegistryInventory::adoptFolder(const std::string& path) {
   Folder* folder = findFolder(path);
   if (folder == nullptr || folder->listed || folder->bundles.empty()) return;
-  follower_.follow(path);
+  follower_.follow(path, RegistryPathFollower::FolderOfRequests);
   hold(folder->hold, path, RegistryWatcher::Changes::Names);
   if (folder->application) return;
   std::string around = applicationAround(path);
@@ -195,7 +211,7 @@ void RegistryInventory::dropIfUnused(const std::string& path) {
   Folder* folder = findFolder(path);
   if (folder == nullptr || folder->listed || !folder->bundles.empty()) return;
   watcher_.release(folder->hold);
-  follower_.unfollow(path);
+  follower_.unfollow(path, RegistryPathFollower::FolderOfRequests);
   std::shared_ptr<RegistryApp> application = folder->application;
   folders_.erase(path);
   if (application && !isWanted(application->path())) dropApplication(application->path());

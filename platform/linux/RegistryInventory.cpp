@@ -41,9 +41,10 @@ void RegistryInventory::load() {
       bundle.stored = true;
     }
   }
-  for (const TopFolder& top : applicationFolders_) follower_.follow(top.path);
-  follower_.follow(systemFolder_.path);
-  follower_.follow(std::string(RegistryContainers::kDirectory));
+  constexpr auto kReason = RegistryPathFollower::TopFolder;
+  for (const TopFolder& top : applicationFolders_) follower_.follow(top.path, kReason);
+  follower_.follow(systemFolder_.path, kReason);
+  follower_.follow(std::string(RegistryContainers::kDirectory), kReason);
   lookAtEverything();
 }
 
@@ -204,24 +205,17 @@ bool RegistryInventory::lookAtLink(const std::string& path, RegistryUnit::Kind k
     dropLink(path);
     return false;
   }
-  std::optional<std::string> target = context_->root->canonicalPath(path);
-  bool directory = target && *target != "/" && context_->root->stat(*target, &state) && S_ISDIR(state.st_mode);
-  if (!directory) {
-    dropLink(path);
-    return true;
+  follower_.follow(path, RegistryPathFollower::Link);
+  std::string target = context_->root->canonicalPath(path).value_or(std::string());
+  bool directory = target.size() > 1 && context_->root->stat(target, &state) && S_ISDIR(state.st_mode);
+  if (!directory) target.clear();
+  Link old = std::exchange(links_[path], {kind, target});
+  if (old.kind == kind && old.target == target) {
+    lookAtTarget({kind, target});
+  } else {
+    countLink(old, -1);
+    countLink({kind, target}, +1);
   }
-  auto known = links_.find(path);
-  if (known != links_.end() && known->second.target == *target) {
-    if (kind == RegistryUnit::Kind::Application) {
-      lookAtApplication(*target);
-    } else {
-      lookAtBundle(*target);
-    }
-    return true;
-  }
-  dropLink(path);
-  Link& link = links_[path] = {kind, *target};
-  countLink(Link(link), +1);
   return true;
 }
 
@@ -231,25 +225,31 @@ void RegistryInventory::dropLink(const std::string& path) {
   if (known == links_.end()) return;
   Link link = std::move(known->second);
   links_.erase(known);
+  follower_.unfollow(path, RegistryPathFollower::Link);
   countLink(link, -1);
 }
 
+void RegistryInventory::lookAtTarget(const Link& link) {
+  if (link.target.empty()) return;
+  if (link.kind == RegistryUnit::Kind::Application) {
+    lookAtApplication(link.target);
+  } else {
+    lookAtBundle(link.target);
+  }
+}
+
 void RegistryInventory::countLink(const Link& link, int change) {
+  if (link.target.empty()) return;
   if (link.kind == RegistryUnit::Kind::Application) {
     Application& application = makeApplication(link.target);
     application.links = static_cast<std::uint16_t>(application.links + change);
-    if (application.links != 0) {
-      follower_.follow(link.target);
-    } else {
-      follower_.unfollow(link.target);
-    }
-    return lookAtApplication(link.target);
+  } else {
+    std::string folder = parentOf(link.target);
+    Bundle& bundle = makeFolder(folder).bundles[std::string(nameOf(link.target))];
+    bundle.links = static_cast<std::uint16_t>(bundle.links + change);
+    adoptFolder(folder);
   }
-  std::string folder = parentOf(link.target);
-  Bundle& bundle = makeFolder(folder).bundles[std::string(nameOf(link.target))];
-  bundle.links = static_cast<std::uint16_t>(bundle.links + change);
-  adoptFolder(folder);
-  lookAtBundle(link.target);
+  lookAtTarget(link);
 }
 
 }  // namespace platform

@@ -19,6 +19,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -93,8 +94,8 @@ class RegistryInventory {
     RegistryWatcher::Hold hold = RegistryWatcher::kNone;
   };
   struct Link {
-    RegistryUnit::Kind kind;
-    std::string target;
+    RegistryUnit::Kind kind = RegistryUnit::Kind::Bundle;
+    std::string target;  // empty when it leads to no directory of the device
   };
 
   // Everything.
@@ -110,6 +111,7 @@ class RegistryInventory {
   void dropApplication(const std::string& path);
   bool readApplication(const std::string& path, Application& application, RegistryBundle& found);
   void attachFolder(Application& application, const RegistryBundle& found);
+  std::optional<std::string> placeOfPlugIns(const std::string& path);
   bool isInApplicationFolder(std::string_view path) const;
   bool isWanted(const std::string& path) const;
   std::string applicationAround(const std::string& folderPath) const;
@@ -144,6 +146,7 @@ class RegistryInventory {
   bool lookAtLink(const std::string& path, RegistryUnit::Kind kind);
   void dropLink(const std::string& path);
   void countLink(const Link& link, int change);
+  void lookAtTarget(const Link& link);
 
   // Following.
   void hold(RegistryWatcher::Hold& hold, const std::string& path, RegistryWatcher::Changes changes);

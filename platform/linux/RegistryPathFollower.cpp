@@ -1,10 +1,14 @@
 #include "platform/linux/RegistryPathFollower.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <optional>
+#include <climits>
 #include <utility>
+
+#include "platform/linux/PathWalk.h"
+#include "platform/linux/RegistryPaths.h"
 
 namespace platform {
 
@@ -28,37 +32,57 @@ void RegistryPathFollower::leave(const Step& step) {
 }
 
 // As far as the way goes at present. A directory is watched before the next part is looked for.
-std::vector<RegistryPathFollower::Step> RegistryPathFollower::walk(const std::string& path) {
+std::vector<RegistryPathFollower::Step> RegistryPathFollower::walk(const std::string& followed) {
   std::vector<Step> steps;
   std::string directory = "/";
-  for (std::size_t at = path.find_first_not_of('/'); at != std::string::npos;) {
-    std::size_t end = std::min(path.find('/', at), path.size());
-    steps.push_back({directory, path.substr(at, end - at)});
+  std::string rest = followed;
+  for (int links = 0; links <= kMaxLinksFollowed;) {
+    std::size_t start = rest.find_first_not_of('/');
+    if (start == std::string::npos) break;
+    std::size_t end = std::min(rest.find('/', start), rest.size());
+    std::string name = rest.substr(start, end - start);
+    rest.erase(0, end);
+    if (name == ".") continue;
+    if (name == "..") {
+      directory = parentOf(directory);
+      continue;
+    }
+    steps.push_back({directory, name});
     enter(steps.back());
-    std::optional<std::string> next = root_->canonicalPath(directory + "/" + steps.back().name);
-    if (!next) break;
-    directory = *std::move(next);
-    at = path.find_first_not_of('/', end);
+    std::string path = joinPath(directory, name);
+    UniqueFd place = root_->open(path, O_PATH | O_NOFOLLOW);
+    if (!place) break;
+    char target[PATH_MAX];
+    ssize_t length = ::readlinkat(place.get(), "", target, sizeof target);
+    if (length < 0) {  // no link
+      directory = std::move(path);
+      continue;
+    }
+    ++links;
+    if (length != 0 && target[0] == '/') directory = "/";
+    rest.insert(0, target, static_cast<std::size_t>(length));
   }
   return steps;
 }
 
-void RegistryPathFollower::follow(const std::string& path) {
+void RegistryPathFollower::follow(const std::string& path, Reason reason) {
   std::vector<Step> steps = walk(path);
-  std::swap(followed_[path], steps);
+  Followed& followed = followed_[path];
+  followed.reasons |= reason;
+  std::swap(followed.steps, steps);
   for (const Step& step : steps) leave(step);
 }
 
-void RegistryPathFollower::unfollow(const std::string& path) {
+void RegistryPathFollower::unfollow(const std::string& path, Reason reason) {
   auto known = followed_.find(path);
-  if (known == followed_.end()) return;
-  for (const Step& step : known->second) leave(step);
+  if (known == followed_.end() || (known->second.reasons &= ~static_cast<unsigned>(reason)) != 0) return;
+  for (const Step& step : known->second.steps) leave(step);
   followed_.erase(known);
 }
 
 void RegistryPathFollower::refresh() {
-  for (auto& [path, steps] : followed_) {
-    std::vector<Step> old = std::exchange(steps, walk(path));
+  for (auto& [path, followed] : followed_) {
+    std::vector<Step> old = std::exchange(followed.steps, walk(path));
     for (const Step& step : old) leave(step);
   }
 }

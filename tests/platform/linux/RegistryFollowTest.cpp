@@ -244,6 +244,39 @@ TEST_F(RegistryFollowTest, LinksLeadToBundlesInsideTheDeviceOnly) {
   EXPECT_TRUE(becomes({}));
 }
 
+TEST_F(RegistryFollowTest, LinksAreFollowedOverWhatComesAndGoesOnTheirWay) {
+  device_.writeApp(kApp);
+  device_.link("../../opt/now/folder", kApp + "/PlugIns");
+  device_.link("/opt/now/L.app", "/Applications/L.app");
+  device_.link("/opt/now/Z.appex", "/System/Library/PlugIns/Z.appex");
+  open();
+  EXPECT_TRUE(installed(*registry_).empty());
+  for (const std::string version : {"1", "2"}) {
+    Paths plugIns;
+    device_.writeApp("/opt/" + version + "/L.app");
+    for (const char* name : {"/L.app/PlugIns/X.appex", "/Z.appex", "/folder/X.appex"}) {
+      device_.writeBundle(plugIns.emplace_back("/opt/" + version + name), plugInManifest(name));
+    }
+    device_.link(version, "/opt/next");
+    device_.move("/opt/next", "/opt/now");
+    EXPECT_TRUE(becomes(plugIns));
+  }
+  device_.remove("/opt/now");
+  EXPECT_TRUE(becomes({}));
+}
+
+TEST_F(RegistryFollowTest, AFolderOfAppsIsFollowedWhateverWasRegisteredInIt) {
+  writeAppWithPlugIn();
+  device_.writeBundle("/Applications/loose", plugInManifest("loose"));
+  open();
+  EXPECT_TRUE(registry_->registerPlugIn(FileURL{"/Applications/loose"}));
+  EXPECT_TRUE(registry_->unregisterPlugIn(FileURL{"/Applications/loose"}));
+  device_.move("/Applications", "/aside");
+  EXPECT_TRUE(becomes({}));
+  device_.move("/aside", "/Applications");
+  EXPECT_TRUE(becomes({kPlugIn}));
+}
+
 TEST_F(RegistryFollowTest, ManyAppsAtOnceEndInTheRightState) {
   open();
   Paths expected;
