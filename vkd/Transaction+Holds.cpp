@@ -3,6 +3,7 @@
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKLog.h"
 #include "Vornik/VKProtocol.h"
+#include "vkd/Quietly.h"
 #include "vkd/Transaction.h"
 #include "vkd/VKDPlugInHold.h"
 
@@ -71,16 +72,18 @@ bool Transaction::refuseBusy(const VKDPlugIns& plugIns) {
 
 void Transaction::grantHold(const VKDPlugIns& plugIns) {
   auto hold = VKDPlugInHold::initWithPlugInsForClient(server().services().messages, plugIns, client_);
+  // Nothing may fail between the hold and its reply: a hold whose token nobody knows stays as long as its client.
+  reply_.set(kVKMessageUUIDs, hold->uuid());
   switch (server().addHold(hold)) {
     case VKDServer::HoldAdded::TooMany:
+      reply_.set(kVKMessageUUIDs, Message());
       return failMessage(VKErrorInvalidRequest, "too many holds");
     case VKDServer::HoldAdded::ClientIsGone:
       return done();  // to nobody
     case VKDServer::HoldAdded::Yes:
       break;
   }
-  reply_.set(kVKMessageUUIDs, hold->uuid());
-  VK_LOG(vk_ops(), Debug, "hold request granted uuid:%{public}@", hold->uuid());
+  quietly([&] { VK_LOG(vk_ops(), Debug, "hold request granted uuid:%{public}@", hold->uuid()); });
   done();
 }
 

@@ -1,5 +1,7 @@
 #include "vkd/VKDPlugInHold.h"
 
+#include "vkd/Quietly.h"
+
 namespace vkd {
 
 std::shared_ptr<VKDPlugInHold> VKDPlugInHold::initWithPlugInsForClient(std::shared_ptr<MessageService> messages,
@@ -17,6 +19,10 @@ VKDPlugInHold::VKDPlugInHold(std::shared_ptr<MessageService> messages, PlugIns b
       client_(client),
       created_(std::chrono::system_clock::now()) {
   messages_->beginKeepAlive();
+}
+
+VKDPlugInHold::~VKDPlugInHold() {
+  quietly([&] { messages_->endKeepAlive(); });
 }
 
 }  // namespace vkd

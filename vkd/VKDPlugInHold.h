@@ -25,7 +25,7 @@ class VKDPlugInHold {
   static std::shared_ptr<VKDPlugInHold> initWithPlugInsForClient(std::shared_ptr<MessageService> messages,
                                                                  const VKDPlugIns& plugIns,
                                                                  const std::shared_ptr<VKDZypClient>& client);
-  ~VKDPlugInHold() { messages_->endKeepAlive(); }
+  ~VKDPlugInHold();
   VKDPlugInHold(const VKDPlugInHold&) = delete;
   VKDPlugInHold& operator=(const VKDPlugInHold&) = delete;
 

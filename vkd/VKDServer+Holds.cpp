@@ -21,7 +21,7 @@ VKDServer::HoldAdded VKDServer::addHold(std::shared_ptr<VKDPlugInHold> hold) {
     anythingHeld_.store(!heldPlugIns_.empty());
     return HoldAdded::Yes;
   });
-  if (result == HoldAdded::Yes) notifyAnnotationChange();
+  if (result == HoldAdded::Yes) quietly([&] { notifyAnnotationChange(); });
   return result;
 }
 

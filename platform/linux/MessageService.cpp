@@ -65,7 +65,9 @@ std::shared_ptr<MessageConnection> LinuxMessageService::connect(std::string_view
 
 void LinuxMessageService::beginKeepAlive() {
   std::lock_guard lock(keepAliveMutex_);
-  if (++keepAliveCount_ == 1) markBusy(*root_, true);
+  // Counted last: what fails is not begun, and nobody ends it.
+  if (keepAliveCount_ == 0) markBusy(*root_, true);
+  ++keepAliveCount_;
 }
 
 void LinuxMessageService::endKeepAlive() {

@@ -100,6 +100,10 @@ bool survives(const Make& make, int n) {
   const bool reached = std::exchange(allocationsLeft, 0) == 0;
   EXPECT_TRUE(connection.sent.size() == 1 || (connection.sent.empty() && connection.cancelled)) << "allocation " << n;
   scene.daemon.work();
+  // Who was told that his request failed holds nothing.
+  if (!connection.sent.empty() && connection.sent.front().get("errorcode") != nullptr) {
+    EXPECT_TRUE(scene.daemon.server->holds().empty()) << "allocation " << n;
+  }
   EXPECT_EQ(scene.daemon.connect(9).ask("bulk"), success());
   scene.client.die();
   EXPECT_TRUE(scene.daemon.server->holds().empty());
