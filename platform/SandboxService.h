@@ -11,6 +11,7 @@ namespace platform {
 class SandboxService {
  public:
   virtual ~SandboxService() = default;
+  // When that cannot be told the answer is true: it is asked before a process is allowed more.
   virtual bool isSandboxed(std::int32_t pid) = 0;
   // A read-only token for the path in canonical form; nothing and the system's error number when it is refused.
   virtual std::optional<std::string> issueReadExtension(std::string_view path, int* errorNumber) = 0;

@@ -21,10 +21,10 @@ LinuxSandboxService::LinuxSandboxService(std::shared_ptr<const DeviceRoot> root,
 
 bool LinuxSandboxService::isSandboxed(std::int32_t pid) {
   std::optional<ProcessName> process = ProcessName::of(pid);
-  if (!process) return false;
-  if (instances_->isInstance(*process)) return true;
-  PlistValue value = readEntitlementsOfProcess(*root_, *PeerIdentity::ofProcess(pid), nullptr)[kSandboxEntitlement];
-  return value && !value.equals(false);
+  if (!process || instances_->mayBeInstance(*process)) return true;
+  std::optional<DomainError> error;
+  PlistValue value = readEntitlementsOfProcess(*root_, *PeerIdentity::ofProcess(pid), &error)[kSandboxEntitlement];
+  return error || (value && !value.equals(false));
 }
 
 std::optional<std::string> LinuxSandboxService::issueReadExtension(std::string_view path, int* errorNumber) {

@@ -17,7 +17,7 @@ class LinuxSandboxService final : public SandboxService {
   LinuxSandboxService(std::shared_ptr<const DeviceRoot> root, std::shared_ptr<RunningInstances> instances);
 
   // Whether the process is a running instance, or its executable's entitlement com.vantrel.security.sandbox is there
-  // and not false. A process that is gone, or whose entitlements cannot be read, is not.
+  // and not false. A process that is gone, or of which this cannot be told, counts as sandboxed.
   bool isSandboxed(std::int32_t pid) override;
   std::optional<std::string> issueReadExtension(std::string_view path, int* errorNumber) override;
   // Holds what the path leads to now until release().

@@ -125,9 +125,13 @@ void RunningInstances::refresh() {
   known_ = std::move(found);
 }
 
-bool RunningInstances::isInstance(const ProcessName& process) const {
+bool RunningInstances::mayBeInstance(const ProcessName& process) const {
   UniqueFd folder = root_->open(kInstancesFolder, O_PATH | O_DIRECTORY);
-  return folder && openRecord(folder.get(), fileNameOf(process), process) && process.runs();
+  if (!folder) return errno != ENOENT;
+  errno = 0;
+  UniqueFd record = openRecord(folder.get(), fileNameOf(process), process);
+  // Without an error the record is somebody else's, who has no say here.
+  return record || (errno != 0 && errno != ENOENT);
 }
 
 void RunningInstances::sweep() const {

@@ -45,7 +45,8 @@ class RunningInstances {
 
   // Those that run now and that `wanted` keeps, oldest first. The folder is read again only when it changed.
   std::vector<RunningInstance> select(const std::function<bool(const RunningInstance&)>& wanted);
-  bool isInstance(const ProcessName& process) const;
+  // Whether this running process is recorded; true also when that cannot be found out.
+  bool mayBeInstance(const ProcessName& process) const;
   // Removes the records of processes that have ended.
   void sweep() const;
 
