@@ -14,10 +14,11 @@ std::uint32_t readWord(const char* at) {
   return word;
 }
 
-// Feeds the bytes to `round` in whole blocks, padded as both digests want it: a bit, zeros, the length in bits.
+// Feeds the bytes to `round` in whole blocks, padded as both digests want it: a bit, zeros, the length in bits with
+// that of what was fed before.
 template <class Round>
-void forEachBlock(std::string_view bytes, Round round) {
-  std::uint64_t bits = std::uint64_t{bytes.size()} * 8;
+void forEachBlock(std::string_view bytes, Round round, std::size_t before = 0) {
+  std::uint64_t bits = std::uint64_t{before + bytes.size()} * 8;
   for (; bytes.size() >= kBlock; bytes.remove_prefix(kBlock)) round(bytes.data());
   std::array<char, 2 * kBlock> tail{};
   bytes.copy(tail.data(), bytes.size());
@@ -73,32 +74,42 @@ constexpr std::array<std::uint32_t, 64> kRoundConstants = {
     0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
     0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
 
-void sha256Round(std::array<std::uint32_t, 8>& state, const char* block) {
-  std::array<std::uint32_t, 64> w{};
+using SHA256State = std::array<std::uint32_t, 8>;
+constexpr SHA256State kSHA256Start = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
+                                      0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+
+void sha256Round(SHA256State& state, const char* block) {
+  std::array<std::uint32_t, 64> w;
   for (std::size_t i = 0; i < 16; ++i) w[i] = readWord(block + 4 * i);
   for (std::size_t i = 16; i < 64; ++i) {
     std::uint32_t s0 = std::rotr(w[i - 15], 7) ^ std::rotr(w[i - 15], 18) ^ (w[i - 15] >> 3);
     std::uint32_t s1 = std::rotr(w[i - 2], 17) ^ std::rotr(w[i - 2], 19) ^ (w[i - 2] >> 10);
     w[i] = w[i - 16] + s0 + w[i - 7] + s1;
   }
-  std::array<std::uint32_t, 8> v = state;
+  auto [a, b, c, d, e, f, g, h] = state;
   for (std::size_t i = 0; i < 64; ++i) {
-    std::uint32_t s1 = std::rotr(v[4], 6) ^ std::rotr(v[4], 11) ^ std::rotr(v[4], 25);
-    std::uint32_t t1 = v[7] + s1 + ((v[4] & v[5]) ^ (~v[4] & v[6])) + kRoundConstants[i] + w[i];
-    std::uint32_t s0 = std::rotr(v[0], 2) ^ std::rotr(v[0], 13) ^ std::rotr(v[0], 22);
-    std::uint32_t t2 = s0 + ((v[0] & v[1]) ^ (v[0] & v[2]) ^ (v[1] & v[2]));
-    std::rotate(v.begin(), v.end() - 1, v.end());
-    v[4] += t1;
-    v[0] = t1 + t2;
+    std::uint32_t s1 = std::rotr(e, 6) ^ std::rotr(e, 11) ^ std::rotr(e, 25);
+    std::uint32_t t1 = h + s1 + ((e & f) ^ (~e & g)) + kRoundConstants[i] + w[i];
+    std::uint32_t s0 = std::rotr(a, 2) ^ std::rotr(a, 13) ^ std::rotr(a, 22);
+    std::uint32_t t2 = s0 + ((a & b) ^ (a & c) ^ (b & c));
+    h = g;
+    g = f;
+    f = e;
+    e = d + t1;
+    d = c;
+    c = b;
+    b = a;
+    a = t1 + t2;
   }
-  for (std::size_t i = 0; i < state.size(); ++i) state[i] += v[i];
+  const SHA256State add{a, b, c, d, e, f, g, h};
+  for (std::size_t i = 0; i < state.size(); ++i) state[i] += add[i];
 }
+
+}  // namespace
 
 std::string_view asText(const SHA256Digest& digest) {
   return {reinterpret_cast<const char*>(digest.data()), digest.size()};
 }
-
-}  // namespace
 
 SHA1Digest sha1(std::string_view bytes) {
   std::array<std::uint32_t, 5> state{0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0};
@@ -107,22 +118,46 @@ SHA1Digest sha1(std::string_view bytes) {
 }
 
 SHA256Digest sha256(std::string_view bytes) {
-  std::array<std::uint32_t, 8> state{0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
-                                     0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+  SHA256State state = kSHA256Start;
   forEachBlock(bytes, [&](const char* block) { sha256Round(state, block); });
   return toBytes(state);
 }
 
-SHA256Digest hmacSHA256(std::string_view key, std::string_view bytes) {
-  SHA256Digest shortened = sha256(key);
-  std::string padded(key.size() > kBlock ? asText(shortened) : key);
-  padded.resize(kBlock);
-  std::string inner = padded;
-  std::string outer = padded;
+HMACSHA256::HMACSHA256(std::string_view key) : inner_(kSHA256Start), outer_(kSHA256Start) {
+  std::array<char, kBlock> inner{};
+  if (key.size() > kBlock) {
+    asText(sha256(key)).copy(inner.data(), kBlock);
+  } else {
+    key.copy(inner.data(), kBlock);
+  }
+  std::array<char, kBlock> outer = inner;
   for (char& byte : inner) byte = static_cast<char>(byte ^ 0x36);
   for (char& byte : outer) byte = static_cast<char>(byte ^ 0x5C);
-  SHA256Digest digest = sha256(inner.append(bytes));
-  return sha256(outer.append(asText(digest)));
+  sha256Round(inner_, inner.data());
+  sha256Round(outer_, outer.data());
+}
+
+SHA256Digest HMACSHA256::digest(std::string_view bytes) const {
+  SHA256State state = inner_;
+  forEachBlock(
+      bytes, [&](const char* block) { sha256Round(state, block); }, kBlock);
+  SHA256Digest digest = toBytes(state);
+  state = outer_;
+  forEachBlock(
+      asText(digest), [&](const char* block) { sha256Round(state, block); }, kBlock);
+  return toBytes(state);
+}
+
+std::optional<SHA256Digest> sha256FromHex(std::string_view text) {
+  SHA256Digest digest{};
+  if (text.size() != 2 * digest.size()) return std::nullopt;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    if (digit < 0) return std::nullopt;
+    digest[i / 2] = static_cast<std::uint8_t>(digest[i / 2] << 4 | digit);
+  }
+  return digest;
 }
 
 }  // namespace platform

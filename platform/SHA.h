@@ -1,8 +1,9 @@
-// The digests SHA-1 and SHA-256 and the keyed digest HMAC-SHA-256.
+// The digests SHA-1 and SHA-256 and the keyed digest HMAC-SHA-256, and digests as text.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,7 +14,18 @@ using SHA256Digest = std::array<std::uint8_t, 32>;
 
 SHA1Digest sha1(std::string_view bytes);
 SHA256Digest sha256(std::string_view bytes);
-SHA256Digest hmacSHA256(std::string_view key, std::string_view bytes);
+// The bytes of a digest; valid as long as it.
+std::string_view asText(const SHA256Digest& digest);
+
+// HMAC-SHA-256 under one key, which is prepared once. Immutable.
+class HMACSHA256 {
+ public:
+  explicit HMACSHA256(std::string_view key);
+  SHA256Digest digest(std::string_view bytes) const;
+
+ private:
+  std::array<std::uint32_t, 8> inner_, outer_;  // after the block of the key
+};
 
 // Two lower-case digits a byte.
 template <std::size_t N>
@@ -27,5 +39,8 @@ std::string hexText(const std::array<std::uint8_t, N>& digest) {
   }
   return text;
 }
+
+// The digest that a text of exactly these digits stands for, else nothing.
+std::optional<SHA256Digest> sha256FromHex(std::string_view text);
 
 }  // namespace platform

@@ -45,6 +45,18 @@ std::string pathOfDescriptor(int fd) {
   return path;
 }
 
+// Whether a path could be the canonical one of something.
+bool isNormal(std::string_view path) {
+  if (!path.starts_with('/')) return false;
+  for (std::size_t at = 0; at != std::string_view::npos && path.size() > 1;) {
+    std::size_t end = path.find('/', at + 1);
+    std::string_view name = path.substr(at + 1, end == std::string_view::npos ? end : end - at - 1);
+    if (name.empty() || name == "." || name == "..") return false;
+    at = end;
+  }
+  return true;
+}
+
 // Makes one directory of a path; true when it was not there before. umask is not to narrow the mode, and nobody else's
 // directory is to be changed that was moved here meanwhile.
 bool makeDirectory(int parent, const char* name, mode_t mode) {
@@ -159,6 +171,11 @@ std::optional<std::string> DeviceRoot::devicePath(std::string_view hostPath) con
 }
 
 std::optional<std::string> DeviceRoot::canonicalPath(std::string_view devicePathText) const {
+  // Mostly it is canonical already, and to be told so by the kernel costs more than to open it.
+  if (isNormal(devicePathText) && devicePathText.size() <= kMaxCanonicalPath) {
+    if (openResolving(devicePathText, O_PATH, 0, false)) return std::string(devicePathText);
+    if (errno != ELOOP) return std::nullopt;
+  }
   UniqueFd path = open(devicePathText, O_PATH);
   if (!path) return std::nullopt;
   std::string found = pathOfDescriptor(path.get());

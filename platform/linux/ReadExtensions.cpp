@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/SHA.h"
 #include "platform/UUID.h"
 #include "platform/linux/Files.h"
 
@@ -21,9 +20,9 @@ constexpr const char* kSecretName = "secret";
 constexpr const char* kTableName = "issued";
 constexpr std::string_view kTokenPrefix = "vkread1:";
 constexpr std::size_t kSecretBytes = 32;
-constexpr std::size_t kDigestText = 64;
+constexpr std::size_t kMarkText = 64;
 // A full table of the longest paths, every byte escaped.
-constexpr std::uint64_t kMaxTableBytes = kMaxIssuedExtensions * (kDigestText + 2 + std::size_t{3} * 1024);
+constexpr std::uint64_t kMaxTableBytes = kMaxIssuedExtensions * (kMarkText + 2 + std::size_t{3} * 1024);
 
 std::string escaped(std::string_view path) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
@@ -52,15 +51,14 @@ std::string unescaped(std::string_view text) {
   return path;
 }
 
-// Calls visit(digest, path) for each complete line; answers how many bytes those took.
+// Calls visit(mark, escaped path) for each complete line; answers how many bytes those took.
 template <class Visit>
 std::size_t forEachLine(std::string_view text, Visit visit) {
   std::size_t at = 0;
   for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n', at)) {
     std::string_view line = text.substr(at, end - at);
-    if (line.size() > kDigestText && line[kDigestText] == ' ') {
-      visit(line.substr(0, kDigestText), line.substr(kDigestText + 1));
-    }
+    std::optional<SHA256Digest> mark = sha256FromHex(line.substr(0, kMarkText));
+    if (mark && line.size() > kMarkText && line[kMarkText] == ' ') visit(*mark, line.substr(kMarkText + 1));
     at = end + 1;
   }
   return at;
@@ -101,16 +99,11 @@ std::optional<std::string> ReadExtensionIssuer::issue(std::string_view path) {
   std::optional<std::string> canonical = root_->canonicalPath(path);
   if (!canonical) return std::nullopt;
   std::lock_guard lock(mutex_);
-  auto known = issued_.find(*canonical);
-  if (known != issued_.end()) return known->second;
-  if ((secret_.empty() && !open()) || !makeRoom()) return std::nullopt;
-  std::string token = std::string(kTokenPrefix) + hexText(hmacSHA256(secret_, *canonical));
-  std::string digest = hexText(sha256(token));
-  if (!recorded_.contains(digest)) {
-    if (!append(std::string(digest).append(" ").append(escaped(*canonical)).append("\n"))) return std::nullopt;
-    recorded_.insert(std::move(digest));
-  }
-  return issued_.emplace(std::move(*canonical), std::move(token)).first->second;
+  if (!secret_ && !open()) return std::nullopt;
+  SHA256Digest code = secret_->digest(*canonical);
+  SHA256Digest mark = sha256(asText(code));
+  if (!recorded_.contains(mark) && !(makeRoom() && record(mark, *canonical))) return std::nullopt;
+  return std::string(kTokenPrefix) + hexText(code);
 }
 
 bool ReadExtensionIssuer::open() {
@@ -119,7 +112,7 @@ bool ReadExtensionIssuer::open() {
   std::optional<std::string> secret = readSecret(folder.get());
   if (!secret && errno == ENOENT && makeSecret(folder.get())) secret = readSecret(folder.get());
   if (!secret || !openTable(folder.get())) return false;
-  secret_ = std::move(*secret);
+  secret_.emplace(*secret);
   return true;
 }
 
@@ -136,17 +129,19 @@ bool ReadExtensionIssuer::openTable(int folder) {
   if (!text) return false;
   recorded_.clear();
   std::size_t complete =
-      forEachLine(*text, [&](std::string_view digest, std::string_view) { recorded_.emplace(digest); });
+      forEachLine(*text, [&](const SHA256Digest& mark, std::string_view) { recorded_.insert(mark); });
   // The beginning of a line that was not finished would spoil the next one.
   if (complete < text->size() && ::ftruncate(table.get(), static_cast<off_t>(complete)) != 0) return false;
   table_ = std::move(table);
   return true;
 }
 
-bool ReadExtensionIssuer::append(const std::string& line) {
+bool ReadExtensionIssuer::record(const SHA256Digest& mark, const std::string& path) {
   struct stat before {};
   if (::fstat(table_.get(), &before) != 0) return false;
-  if (writeAll(table_.get(), line)) return true;
+  if (writeAll(table_.get(), hexText(mark).append(" ").append(escaped(path)).append("\n"))) {
+    return recorded_.insert(mark).second;
+  }
   int error = errno;
   static_cast<void>(::ftruncate(table_.get(), before.st_size));  // else the next start cuts it off
   errno = error;
@@ -160,22 +155,22 @@ bool ReadExtensionIssuer::makeRoom() {
   std::optional<std::string> text = current ? readAll(current.get(), kMaxTableBytes) : std::nullopt;
   if (!text) return false;
   std::string kept;
-  forEachLine(*text, [&](std::string_view digest, std::string_view path) {
+  forEachLine(*text, [&](const SHA256Digest& mark, std::string_view path) {
     struct stat state {};
-    if (root_->stat(unescaped(path), &state)) kept.append(digest).append(" ").append(path).append("\n");
+    if (root_->stat(unescaped(path), &state)) kept.append(hexText(mark)).append(" ").append(path).append("\n");
   });
   if (!replaceFile(folder.get(), kTableName, kept, 0644, false) || !openTable(folder.get())) return false;
-  issued_.clear();
   errno = ENOSPC;
   return recorded_.size() < kMaxIssuedExtensions;
 }
 
 std::optional<std::string> ReadExtensionTable::pathOf(std::string_view token) {
   if (!token.starts_with(kTokenPrefix)) return std::nullopt;
-  std::string digest = hexText(sha256(token));
+  std::optional<SHA256Digest> code = sha256FromHex(token.substr(kTokenPrefix.size()));
+  if (!code) return std::nullopt;
   std::lock_guard lock(mutex_);
   refresh();
-  auto found = paths_.find(digest);
+  auto found = paths_.find(sha256(asText(*code)));
   return found == paths_.end() ? std::nullopt : std::optional(found->second);
 }
 
@@ -197,9 +192,8 @@ void ReadExtensionTable::refresh() {
   if (::lseek(file.get(), static_cast<off_t>(read_), SEEK_SET) < 0) return;
   std::optional<std::string> text = readAll(file.get(), kMaxTableBytes);
   if (!text) return;
-  read_ += forEachLine(*text, [&](std::string_view digest, std::string_view path) {
-    paths_.insert_or_assign(std::string(digest), unescaped(path));
-  });
+  read_ += forEachLine(
+      *text, [&](const SHA256Digest& mark, std::string_view path) { paths_.insert_or_assign(mark, unescaped(path)); });
 }
 
 }  // namespace platform

@@ -30,6 +30,11 @@ std::shared_ptr<const UniqueFd> RegistryContainers::folder() const {
   return folder_;
 }
 
+std::shared_ptr<const UniqueFd> RegistryContainers::keptFolder() const {
+  std::lock_guard lock(mutex_);
+  return folder_;
+}
+
 void RegistryContainers::forgetFolder() {
   std::lock_guard lock(mutex_);
   folder_.reset();
@@ -59,11 +64,13 @@ void RegistryContainers::flush() {
 
 std::optional<FileURL> RegistryContainers::find(std::string_view identifier) const {
   if (!isSafeComponent(identifier)) return std::nullopt;
-  std::shared_ptr<const UniqueFd> parent = folder();
+  const std::string name(identifier);
   struct stat state {};
-  if (!parent || ::fstatat(parent->get(), std::string(identifier).c_str(), &state, AT_SYMLINK_NOFOLLOW) != 0) {
-    return std::nullopt;
-  }
+  auto isIn = [&](const std::shared_ptr<const UniqueFd>& parent) {
+    return parent && ::fstatat(parent->get(), name.c_str(), &state, AT_SYMLINK_NOFOLLOW) == 0;
+  };
+  // What is found lies in a folder that was not deleted: only when nothing is, that has to be asked.
+  if (!isIn(keptFolder()) && !isIn(folder())) return std::nullopt;
   FileURL url = FileURL{std::string(kDirectory)}.appending(identifier);
   if (S_ISLNK(state.st_mode) && !root_->stat(url.path, &state)) return std::nullopt;
   return S_ISDIR(state.st_mode) ? std::optional(std::move(url)) : std::nullopt;

@@ -29,11 +29,13 @@ class RegistryContainers {
  private:
   // Kept open between questions: one is asked for every plug-in.
   std::shared_ptr<const UniqueFd> folder() const;
+  std::shared_ptr<const UniqueFd> keptFolder() const;  // perhaps deleted since, or null
 
   const std::shared_ptr<const DeviceRoot> root_;
   mutable std::mutex mutex_;
   mutable std::shared_ptr<const UniqueFd> folder_;
   bool flushDue_ = false;
+  bool aboveFlushDue_ = true;  // whoever made the folder may not have flushed its name
 };
 
 }  // namespace platform
