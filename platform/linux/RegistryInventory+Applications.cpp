@@ -163,6 +163,7 @@ void RegistryInventory::lookAtFolder(const std::string& path) {
       if ((folder = findFolder(path)) != nullptr) lookAtBundle(*folder, item.name);
     }
   } else {
+    dropLinksIn(path);
     ++visit_;
   }
   lookAtKnown(path);
@@ -202,6 +203,7 @@ void RegistryInventory::detachFolder(const std::string& path) {
   if (folder == nullptr) return;
   folder->listed = path == systemFolder_.canonical;
   folder->application = nullptr;
+  if (!folder->listed) dropLinksIn(path);
   adoptFolder(path);
   ++visit_;
   lookAtKnown(path);

@@ -201,7 +201,8 @@ bool RegistryInventory::noteBundleEvent(const std::string& directory) {
 // True when there is a link. What it leads to is then looked at, for as long as it leads there.
 bool RegistryInventory::lookAtLink(const std::string& path, RegistryUnit::Kind kind) {
   struct stat state {};
-  if (!context_->root->linkStat(path, &state) || !S_ISLNK(state.st_mode)) {
+  bool counts = kind == RegistryUnit::Kind::Bundle || isInApplicationFolder(path);
+  if (!counts || !context_->root->linkStat(path, &state) || !S_ISLNK(state.st_mode)) {
     dropLink(path);
     return false;
   }
@@ -227,6 +228,15 @@ void RegistryInventory::dropLink(const std::string& path) {
   links_.erase(known);
   follower_.unfollow(path, RegistryPathFollower::Link);
   countLink(link, -1);
+}
+
+// What lies in this folder does not count any more, or only when it was registered by path.
+void RegistryInventory::dropLinksIn(const std::string& folder) {
+  std::vector<std::string> paths;
+  for (const auto& [path, link] : links_) {
+    if (parentOf(path) == folder) paths.push_back(path);
+  }
+  for (const std::string& path : paths) dropLink(path);
 }
 
 void RegistryInventory::lookAtTarget(const Link& link) {

@@ -145,6 +145,7 @@ class RegistryInventory {
   // Links in places of applications and bundles.
   bool lookAtLink(const std::string& path, RegistryUnit::Kind kind);
   void dropLink(const std::string& path);
+  void dropLinksIn(const std::string& folder);
   void countLink(const Link& link, int change);
   void lookAtTarget(const Link& link);
 

@@ -261,6 +261,13 @@ TEST_F(RegistryFollowTest, LinksAreFollowedOverWhatComesAndGoesOnTheirWay) {
     device_.move("/opt/next", "/opt/now");
     EXPECT_TRUE(becomes(plugIns));
   }
+  // What was its folder of plug-ins is none once it is a deep bundle.
+  device_.move("/opt/2/folder", "/opt/folder");
+  device_.remove(kApp + "/PlugIns");
+  device_.link("/opt/folder/X.appex", kApp + "/PlugIns/X.appex");
+  EXPECT_TRUE(becomes({"/opt/2/L.app/PlugIns/X.appex", "/opt/2/Z.appex", "/opt/folder/X.appex"}));
+  device_.writeApp(kApp + "/Contents");
+  EXPECT_TRUE(becomes({"/opt/2/L.app/PlugIns/X.appex", "/opt/2/Z.appex"}));
   device_.remove("/opt/now");
   EXPECT_TRUE(becomes({}));
 }
