@@ -124,8 +124,10 @@ void RegistryCatalon::followEvents() {
   publish();
 }
 
-// Stored first: what somebody saw is not forgotten by the next start.
+// Stored first: what somebody saw is not forgotten by the next start. Before that the containers: a registration that
+// survives a power cut without its container would never get one.
 void RegistryCatalon::publish() {
+  context_->containers.flush();
   static_cast<void>(store_.append());
   RegistryInventory::Changes changes = inventory_.takeChanges();
   if (changes.empty()) return;
@@ -136,10 +138,7 @@ void RegistryCatalon::publish() {
   if (told) wake();
 }
 
-void RegistryCatalon::flush() {
-  context_->containers.flush();
-  static_cast<void>(store_.sync());
-}
+void RegistryCatalon::flush() { static_cast<void>(store_.sync()); }
 
 std::optional<RegistryPlugInRecords> RegistryCatalon::plugInsMatching(const PlistValue& query, const Filter& filter) {
   RegistryPlugInRecords records = index_->candidates(query);

@@ -58,7 +58,8 @@ bool RegistryContainers::make(std::string_view identifier) {
 void RegistryContainers::flush() {
   if (!std::exchange(flushDue_, false)) return;
   UniqueFd directory = root_->open(kDirectory, O_RDONLY | O_DIRECTORY);
-  if (directory && ::fsync(directory.get()) == 0) return;
+  aboveFlushDue_ = aboveFlushDue_ && !flushFoldersAbove(*root_, kDirectory);
+  if (!aboveFlushDue_ && directory && ::fsync(directory.get()) == 0) return;
   VK_LOG(defaultLog(), Error, "cannot flush data containers: %{public}@", fileError(kDirectory, errno));
 }
 

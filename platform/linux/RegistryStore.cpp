@@ -83,7 +83,6 @@ bool RegistryStore::openFolder() {
 bool RegistryStore::makeFolder() {
   folder_ = root_->makeDirectories(kDirectory, kFolderMode);
   if (!folder_) return false;
-  parentsFlushDue_ = true;
   lockFolder();
   return writable_;
 }
@@ -105,7 +104,7 @@ void RegistryStore::lockFolder() {
 void RegistryStore::openFile() {
   struct stat state {};
   if (::fstatat(folder_.get(), kFileName, &state, AT_SYMLINK_NOFOLLOW) != 0) {
-    if (errno != ENOENT) static_cast<void>(keepAside());
+    if (errno != ENOENT) static_cast<void>(keepAside(false));
     return;
   }
   // Opening anything but a regular file may already do something.
@@ -114,7 +113,7 @@ void RegistryStore::openFile() {
   } else {
     errno = EINVAL;
   }
-  if (!file_) static_cast<void>(keepAside());
+  if (!file_) static_cast<void>(keepAside(false));
 }
 
 std::vector<RegistryStore::Entry> RegistryStore::load() {
@@ -161,18 +160,20 @@ void RegistryStore::adopt(const JournalEnd& end) {
     return;
   }
   errno = end.errorNumber != 0 ? end.errorNumber : EBADMSG;
-  static_cast<void>(keepAside());
+  static_cast<void>(keepAside(true));
   rewriteDue_ = true;
   changed_ = true;
 }
 
-// The file was not understood; whoever can may look at it later. Without another name for it nothing is written.
-bool RegistryStore::keepAside() {
+// The file was not understood; whoever can may look at it later. Without another name for it nothing is written. One of
+// which something could be read keeps its own name, too, until it is replaced.
+bool RegistryStore::keepAside(bool partlyRead) {
   std::string reason = text(errno);
   if (!writable_) return false;
   for (int i = 0; i < kMaxKeptAside; ++i) {
     std::string name = datedName(i);
-    if (::renameat2(folder_.get(), kFileName, folder_.get(), name.c_str(), RENAME_NOREPLACE) == 0) {
+    bool kept = partlyRead && ::linkat(folder_.get(), kFileName, folder_.get(), name.c_str(), 0) == 0;
+    if (kept || ::renameat2(folder_.get(), kFileName, folder_.get(), name.c_str(), RENAME_NOREPLACE) == 0) {
       VK_LOG(defaultLog(), Error, "cannot read the stored registrations, kept as %{public}@: %{public}@", name, reason);
       return true;
     }
@@ -294,17 +295,8 @@ bool RegistryStore::sync() {
     return failed("flush");
   }
   if (folderFlushDue_ && ::fsync(folder_.get()) != 0) return failed("flush");
-  if (parentsFlushDue_ && !flushParents()) return failed("flush");
-  flushDue_ = folderFlushDue_ = parentsFlushDue_ = false;
-  return true;
-}
-
-bool RegistryStore::flushParents() const {
-  for (std::size_t end = kDirectory.rfind('/'); end != std::string_view::npos; end = kDirectory.rfind('/', end - 1)) {
-    UniqueFd parent = root_->open(kDirectory.substr(0, std::max<std::size_t>(end, 1)), O_RDONLY | O_DIRECTORY);
-    if (!parent || ::fsync(parent.get()) != 0) return false;
-    if (end == 0) break;
-  }
+  if (aboveFlushDue_ && !flushFoldersAbove(*root_, kDirectory)) return failed("flush");
+  flushDue_ = folderFlushDue_ = aboveFlushDue_ = false;
   return true;
 }
 

@@ -55,14 +55,13 @@ class RegistryStore {
   void lockFolder();
   void openFile();
   void adopt(const JournalEnd& end);
-  bool keepAside();
+  bool keepAside(bool partlyRead);
   bool createFile();
   void change(std::string_view key, std::string_view payload);
   bool writeChanges();
   bool rewrite();
   bool writeContent(int target, std::uint64_t& end) const;
   bool isRewriteDue();
-  bool flushParents() const;
   bool failed(const char* what);
 
   const std::shared_ptr<const DeviceRoot> root_;
@@ -73,8 +72,8 @@ class RegistryStore {
   bool rewriteDue_ = false;  // the file on disk must not be appended to
   bool changed_ = false;     // since the last attempt to append
   bool flushDue_ = false;
-  bool folderFlushDue_ = false;   // the file has a new name
-  bool parentsFlushDue_ = false;  // so has the folder
+  bool folderFlushDue_ = false;  // the file has a new name
+  bool aboveFlushDue_ = true;    // whoever made the folder may not have flushed its name
   bool failing_ = false;
   std::uint64_t end_ = 0;   // of what is valid in the file
   std::uint64_t live_ = 0;  // bytes that counted when that was last looked at

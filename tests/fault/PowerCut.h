@@ -55,6 +55,26 @@ struct State {
   }
 };
 
+// What may be stored after a cut: a save that was begun or was not, and none older than what was reported as saved.
+struct Oracle {
+  static constexpr std::size_t kNever = SIZE_MAX;
+  struct Save {
+    int number;
+    std::size_t from, reported = kNever;  // counted in operations
+  };
+  int before;
+  std::vector<Save> saves;
+
+  std::set<int> allowed(const State& state) const {
+    std::set<int> numbers{before};
+    for (const Save& save : saves) {
+      if (save.reported <= state.last) numbers.clear();
+      if (save.from < state.first || save.reported <= state.last) numbers.insert(save.number);
+    }
+    return numbers;
+  }
+};
+
 // While it lives this operation fails: "pwrite", "fsync"…, "tmpfile" for making an unnamed file.
 class Trouble {
  public:

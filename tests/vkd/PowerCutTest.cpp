@@ -30,25 +30,6 @@ std::string perUser() {
 
 constexpr int kNone = -1;  // nothing is stored
 
-// What may be stored after a cut: a save that was begun or was not, and none older than what was reported as saved.
-struct Oracle {
-  struct Save {
-    int number;
-    std::size_t from, reported;  // counted in operations
-  };
-  int before;
-  std::vector<Save> saves;
-
-  std::set<int> allowed(const fault::State& state) const {
-    std::set<int> numbers{before};
-    for (const Save& save : saves) {
-      if (save.reported <= state.last) numbers.clear();
-      if (save.from < state.first || save.reported <= state.last) numbers.insert(save.number);
-    }
-    return numbers;
-  }
-};
-
 bool isKept(const std::string& content, const fault::Tree& tree) {
   return std::any_of(tree.begin(), tree.end(), [&](const auto& file) { return file.second == content; });
 }
@@ -70,7 +51,7 @@ class AnnotationPowerCut : public PlugInFixture {
     const PlistValue annotation = store->annotationForIdentifier("test.plugin");
     return annotation ? static_cast<int>(annotation["election"].intValue()) : kNone;
   }
-  Oracle::Save save(int number, const fault::Recording& recording) {
+  fault::Oracle::Save save(int number, const fault::Recording& recording) {
     const std::size_t from = recording.now();
     store->setAnnotationForPlugIn(dictionary({{"election", number}}), *make());
     EXPECT_EQ(log.count("unable to save"), 0) << log.all();
@@ -109,7 +90,7 @@ TEST_F(AnnotationPowerCut, LeavesTheOldOrTheNewTable) {
       std::filesystem::remove_all(scratch.host(kVar));
       test.prepare();
       fault::Recording recording(scratch, kVar);
-      Oracle oracle{test.before, {}};
+      fault::Oracle oracle{test.before, {}};
       ASSERT_EQ(start(), test.before);
       for (int number = 1; number <= 3; ++number) oracle.saves.push_back(save(number, recording));
       for (const fault::State& state : recording.states()) {
@@ -120,7 +101,7 @@ TEST_F(AnnotationPowerCut, LeavesTheOldOrTheNewTable) {
         ASSERT_TRUE(oracle.allowed(state).contains(found)) << found << " is stored\n" << state;
         ASSERT_TRUE(test.kept.empty() || isKept(test.kept, state.tree)) << state;
         if (++checked % stride() != 0) continue;
-        const Oracle next{found, {save(4, again)}};
+        const fault::Oracle next{found, {save(4, again)}};
         for (const fault::State& second : again.states()) {
           fault::restore(scratch, kVar, second);
           const int then = start();
