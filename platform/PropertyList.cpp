@@ -1,6 +1,8 @@
 #include "platform/PropertyList.h"
 
 #include <algorithm>
+#include <new>
+#include <system_error>
 #include <utility>
 
 #include "platform/PropertyListReaders.h"
@@ -14,8 +16,13 @@ PlistValue noPropertyList(DomainError* error, std::size_t offset, std::string te
 
 PlistValue parsePropertyList(std::string_view bytes, DomainError* error, std::size_t maxDepth) {
   maxDepth = std::min(maxDepth, kPlistMaxDepth);
-  if (bytes.starts_with("bplist")) return readBinaryPropertyList(bytes, maxDepth, error);
-  return readXMLPropertyList(bytes, maxDepth, error);
+  try {
+    if (bytes.starts_with("bplist")) return readBinaryPropertyList(bytes, maxDepth, error);
+    return readXMLPropertyList(bytes, maxDepth, error);
+  } catch (const std::bad_alloc&) {
+    if (error != nullptr) *error = {FileErrorDomain, static_cast<int>(std::errc::not_enough_memory), std::nullopt};
+    return {};
+  }
 }
 
 }  // namespace platform

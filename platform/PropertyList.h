@@ -11,8 +11,8 @@ namespace platform {
 
 // Reads either form, told apart by the first bytes. Answers nothing and an error (PlistErrorDomain, code = byte offset,
 // text with what was wrong there) for bytes that are no property list, or one nested deeper than maxDepth or larger
-// than kPlistMaxBytes. Any document type line is accepted and not looked at. XML is UTF-8; of equal keys the last
-// counts.
+// than kPlistMaxBytes. Memory that runs out says nothing of the bytes: FileErrorDomain, ENOMEM. Any document type line
+// is accepted and not looked at. XML is UTF-8; of equal keys the last counts.
 PlistValue parsePropertyList(std::string_view bytes, DomainError* error = nullptr,
                              std::size_t maxDepth = kPlistMaxInputDepth);
 

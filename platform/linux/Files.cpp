@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -85,7 +86,7 @@ bool isSafeComponent(std::string_view name) {
          name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
 }
 
-std::optional<std::string> readAll(int fd, std::uint64_t limit) {
+std::optional<std::string> readAll(int fd, std::uint64_t limit) try {
   struct stat state {};
   if (::fstat(fd, &state) != 0) return std::nullopt;
   std::uint64_t expected = state.st_size > 0 ? static_cast<std::uint64_t>(state.st_size) : 0;
@@ -110,6 +111,9 @@ std::optional<std::string> readAll(int fd, std::uint64_t limit) {
       return std::nullopt;
     }
   }
+} catch (const std::bad_alloc&) {
+  errno = ENOMEM;
+  return std::nullopt;
 }
 
 bool writeAll(int fd, std::string_view bytes) {

@@ -105,6 +105,7 @@ PlistValue RegistryBundle::readManifest(DomainError* error) {
   }
   PlistValue manifest = parsePropertyList(*bytes, error);
   if (manifest.isDictionary() && manifest.encodedSize() <= kMaxKeptBytes) return manifest;
+  if (!manifest && error->isInDomain(FileErrorDomain)) note(static_cast<int>(error->code));
   if (manifest) *error = {PlistErrorDomain, 0, manifest.isDictionary() ? "too large" : "not a dictionary"};
   error->description = path + ": " + error->localizedDescription();
   return {};

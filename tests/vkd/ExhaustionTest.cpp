@@ -1,10 +1,11 @@
 // Memory that runs out at every single allocation of every request: the client gets one reply or is cut off, the daemon
-// goes on, and nothing is left behind.
+// goes on, and nothing is left behind. And of every decoder: it answers what the bytes say, or nothing.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <new>
 
+#include "platform/PropertyList.h"
 #include "tests/vkd/FakeDaemon.h"
 
 namespace {
@@ -122,6 +123,15 @@ TEST(Exhaustion, CostsOneReplyOrOneConnection) {
   }
 }
 
+// Whether it is the one that was expected; nothing is right, too, anything else is not.
+template <class Value>
+bool isNoneOr(const Value& answer, const Value& expected) {
+  const int left = std::exchange(allocationsLeft, 0);
+  EXPECT_TRUE(!answer || answer == expected);
+  allocationsLeft = left;
+  return static_cast<bool>(answer);
+}
+
 TEST(Exhaustion, OfADyingClientReleasesItsHoldsAllTheSame) {
   for (int n = 1, reached = 1; reached != 0 && !HasFailure(); ++n) {
     Scene scene;
@@ -139,6 +149,42 @@ TEST(Exhaustion, OfADyingClientReleasesItsHoldsAllTheSame) {
     EXPECT_TRUE(scene.daemon.server->holds().empty()) << "allocation " << n;
     EXPECT_EQ(scene.daemon.messages->keepAlives, 0);
     EXPECT_FALSE(scene.client.object()->acceptWork());
+  }
+}
+
+TEST(Exhaustion, OfADecoderIsItsAnswerOrNone) {
+  const std::string text = "a text that is not short";
+  const PlistValue all = PlistValue::array({text, 1, PlistValue::data(text), PlistBuilder().set(text, true).take()});
+  const PlistValue value = PlistBuilder().set("key", all).take();
+  const std::string xml = serializePropertyListXML(value);
+  const std::string binary = "bplist00\xA2\x01\x01\x5F\x10\x18" + text + "\x08\x0B" + std::string(6, '\0') +
+                             std::string("\x01\x01\0\0\0\0\0\0\0\x02", 10) + std::string(15, '\0') + "\x26";
+  const SharedSlice encoded = encodePlist(value).flat();
+  Message message = messageOf({{"key", text}, {"more", messageOf({{text, std::int64_t{1}}})}});
+  const SharedSlice wire = encodeMessage(message).flat();
+  const struct {
+    const char* name;
+    std::function<bool()> isWhole;  // false: nothing was answered
+  } decoders[] = {
+      {"XML", [&] { return isNoneOr(parsePropertyList(xml), value); }},
+      {"binary",
+       [&] {
+         return isNoneOr(parsePropertyList(binary), PlistValue::array({text, text}));
+       }},
+      {"encoding", [&] { return isNoneOr(decodePlist(encoded), value); }},
+      {"message", [&] { return isNoneOr(decodeMessage(wire), message); }},
+  };
+  for (const auto& decoder : decoders) {
+    SCOPED_TRACE(decoder.name);
+    EXPECT_TRUE(decoder.isWhole());
+    for (int n = 1, reached = 1; reached != 0 && !HasFailure(); ++n) {
+      allocationsLeft = n;
+      try {
+        decoder.isWhole();
+      } catch (const std::bad_alloc&) {
+      }
+      reached = std::exchange(allocationsLeft, 0) == 0 ? 1 : 0;
+    }
   }
 }
 
