@@ -27,16 +27,17 @@ PlistValue countsOf(const std::vector<PlistValue>& forms) {
 
 std::string textOf(const PlistValue& state) {
   auto known = [&](std::string_view key) { return state[key] ? scalarText(state[key]) : std::string("unknown"); };
-  PlistValue counts = state["plugIns"];
+  const PlistValue counts = state["plugIns"];
   auto count = [&](std::string_view key) { return std::to_string(counts[key].intValue()); };
   Table table({"", ""});
   table.add({"service", scalarText(state["service"])});
   table.add({"daemon", "pid " + known("pid") + ", " + known("path")});
   table.add({"version", known("version")});
   table.add({"protocol", known("protocol")});
-  table.add({"plug-ins", count("all") + (state["complete"].boolValue() ? "" : " that this process may use") + ": " +
-                             count("system") + " of the system, " + count("data") + " data, " + count("elected") +
-                             " elected"});
+  table.add({"plug-ins", counts ? count("all") + (state["complete"].boolValue() ? "" : " that this process may use") +
+                                      ": " + count("system") + " of the system, " + count("data") + " data, " +
+                                      count("elected") + " elected"
+                                : "unknown"});
   return table.text(false, false);
 }
 
@@ -65,16 +66,22 @@ int status(Session& session) {
   state.set("pid", pid);
   if (auto path = session.services().codeSigning->executablePath(pid)) state.set("path", *path);
   if (std::string version = markedText(pid, kVKVersionMark); !version.empty()) state.set("version", version);
-  PlugInNames names(session);
-  state.set("plugIns", countsOf(names.all({})));
-  state.set("complete", names.seesAll());
+  // Plug-ins that no message can hold together cannot be counted; the daemon is there all the same.
+  ExitStatus result = ExitStatus::Done;
+  try {
+    PlugInNames names(session);
+    state.set("plugIns", countsOf(names.all({})));
+    state.set("complete", names.seesAll());
+  } catch (const Failure& failure) {
+    result = session.complain(failure);
+  }
   PlistValue told = state.take();
   if (session.json()) {
     session.printJson(told);
   } else {
     session.print(textOf(told));
   }
-  return asInt(ExitStatus::Done);
+  return asInt(result);
 }
 
 }  // namespace

@@ -29,7 +29,11 @@ void Transaction::matchPlugIns() {
   // The other accepted version cannot carry property lists.
   if (version_ == kVKProtocolVersion) {
     std::optional<Rope> forms = discovery.encodedForms();
-    if (!forms) return failMessage(VKErrorInvalidRequest, "the matching plug-ins exceed the size of a message");
+    if (!forms) {
+      VK_LOG(vk_ops(), Error, "client %d asked for %u plug-ins at once, more than a message can hold", client_->pid(),
+             discovery.size());
+      return failMessage(VKErrorInvalidRequest, "the matching plug-ins exceed the size of a message");
+    }
     reply_.set(kVKMessageMatches, std::move(*forms));
   }
   VK_LOG(vk_ops(), Debug, "reply marshalled");

@@ -89,6 +89,16 @@ TEST_F(DiscoveryRequest, AnswersAnEmptyListAndNoListInTheOldVersion) {
   EXPECT_EQ(client.tell(messageOf({{"version", std::uint64_t{2}}, {"request", "match"}})), success());
 }
 
+TEST_F(DiscoveryRequest, RefusesMoreThanAMessageHoldsAndAnswersWhoAsksForLess) {
+  auto large = install("p0");
+  large->changeManifest("Filler", std::string(kMaxMessageBytes / 16, 'x'));
+  for (int i = 1; i < 16; ++i) install("p" + std::to_string(i))->manifest = large->manifest;
+  EXPECT_EQ(client.ask("match"), failure(4, "the matching plug-ins exceed the size of a message"));
+  EXPECT_TRUE(log.has(LogLevel::Error, "ops", "client 77 asked for 16 plug-ins at once, more than a message can hold"));
+  daemon.device.registry->installed->pop_back();
+  EXPECT_EQ(match().size(), 15U);
+}
+
 TEST_F(DiscoveryRequest, RefusesRulesThatAreNoDictionaryAndUnauthorizedFlags) {
   EXPECT_EQ(client.ask("match", {{"rules", "x"}}), failure(4, "invalid request format (bad rules dictionary)"));
   const Message refusal = failure(11, "unauthorized discovery flag (VKDiscoverAll)");
