@@ -58,8 +58,7 @@ UUID grantedHold(Session& session, const HoldOptions& options) {
   PlugInNames names(session);
   std::vector<std::string> paths;
   for (const std::string& name : options.names) {
-    bool isName = options.plugIns && name.find('/') == std::string::npos;
-    paths.push_back(isName ? names.path(name) : devicePathOfArgument(name));
+    paths.push_back(options.plugIns ? names.path(name) : devicePathOfArgument(name));
   }
   Message reply = session.askRaw([&](VKDaemonClient& client, VKDaemonClient::ReplyBlock block) {
     client.holdPluginsFlagsReply(paths, options.plugIns ? VKHoldPlugIns : VKHoldApplications, std::move(block));

@@ -14,6 +14,9 @@ using namespace Vornik;
 
 namespace {
 
+// A name with a slash in it is a path: no identifier has one.
+bool isPath(std::string_view name) { return name.find('/') != std::string_view::npos; }
+
 // Rules that keep the wanted plug-in and few others; the daemon compares texts as versions, so equality is looked at
 // again afterwards.
 PlistValue rulesFor(std::string_view name) {
@@ -62,7 +65,10 @@ std::vector<PlistValue> PlugInNames::all(const PlistValue& rules) {
 
 std::vector<PlistValue> PlugInNames::candidates(std::string_view name) {
   std::string wanted(name);
-  if (name.starts_with('/')) wanted = session_.services().files->canonicalPath(name).value_or(wanted);
+  if (isPath(name)) {
+    wanted = devicePathOfArgument(wanted);
+    wanted = session_.services().files->canonicalPath(wanted).value_or(wanted);
+  }
   std::vector<PlistValue> forms = all(rulesFor(wanted));
   std::erase_if(forms, [&](const PlistValue& form) { return !isNamed(form, wanted); });
   return forms;
@@ -86,7 +92,7 @@ UUID PlugInNames::uuid(std::string_view name) {
 }
 
 std::string PlugInNames::path(std::string_view name) {
-  if (name.starts_with('/')) return std::string(name);
+  if (isPath(name)) return devicePathOfArgument(std::string(name));
   return std::string(form(name)[kVKFormPath].stringValue());
 }
 

@@ -1,5 +1,6 @@
-// From what a person calls a plug-in (its UUID, its identifier or its path) to the plug-in. Asks the daemon for all
-// that this process may see: everything when it has the manager entitlement, else what it may use.
+// From what a person calls a plug-in (its UUID, its identifier or its path, which has a slash in it) to the plug-in.
+// Asks the daemon for all that this process may see: everything when it has the manager entitlement, else what it may
+// use.
 #pragma once
 
 #include <string>
@@ -19,7 +20,7 @@ class PlugInNames {
   // Throw Failure: no such plug-in, or a name that several have (with the list of them).
   PlistValue form(std::string_view name);
   UUID uuid(std::string_view name);         // a UUID is taken as it is; the daemon refuses one it does not know
-  std::string path(std::string_view name);  // a path is taken as it is, whether or not something lies there
+  std::string path(std::string_view name);  // a path is made absolute, whether or not something lies there
 
   // The forms that satisfy the rules, all versions and copies.
   std::vector<PlistValue> all(const PlistValue& rules);

@@ -22,6 +22,9 @@ class HelpText : public CLI::Formatter {
   std::string make_description(const CLI::App* /*app*/) const override { return "\n"; }
 };
 
+// Some thirty years: more is a mistake, and would not fit a clock.
+constexpr double kLongestTimeout = 1e9;
+
 bool takesValue(const std::string& word) {
   return word == "-S" || word == "--service" || word == "--timeout" || word == "--color";
 }
@@ -70,7 +73,8 @@ void Verbs::addCommonOptions(CLI::App& app) {
   constexpr const char* kGroup = "Options of every verb";
   auto seconds = [](std::string& text) {
     char* end = nullptr;
-    bool valid = std::strtod(text.c_str(), &end) > 0 && *end == '\0';
+    double value = std::strtod(text.c_str(), &end);
+    bool valid = value > 0 && value <= kLongestTimeout && *end == '\0';
     return valid ? std::string() : "\"" + text + "\" is no number of seconds";
   };
   app.add_option("-S,--service", global_.service, "The daemon's service name")->type_name("SERVICE")->group(kGroup);

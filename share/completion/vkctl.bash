@@ -10,7 +10,7 @@ _vkctl() {
     case $word in
       -S | --service) service=(-S "${COMP_WORDS[++i]}") ;;
       --timeout | --color) ((i++)) ;;
-      --) [ "$verb" = hold ] && return 1 ;;
+      --) [[ $verb == hold || $verb == launch ]] && return 1 ;;
       -*) ;;
       *) [ -n "$verb" ] || verb=$word ;;
     esac
@@ -33,6 +33,7 @@ _vkctl() {
     access) options+=' --read --json' ;;
     annotate) options+=' --election --extension' ;;
     hold) options+=' --plug-in --json --' ;;
+    launch) options+=' --' ;;
     send) options+=' -n --quiet' ;;
   esac
   if [[ $current == -* ]]; then

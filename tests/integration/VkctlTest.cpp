@@ -37,6 +37,8 @@ TEST_F(VkctlTest, StatusesAndOneLineForEachError) {
       {2, {"match", "--rul", "A=b"}, "vkctl: match: --rul: no such option; did you mean --rule?"},
       {2, {}, "a verb is missing"},
       {2, {"show"}, "plug-in is required"},
+      {2, {"show", "./Share.appex"}, "./Share.appex: absolute device path required"},
+      {2, {"--timeout", "1e300", "match"}, "is no number of seconds"},
       {2, {"match", "--rule", "novalue"}, "novalue: a rule is KEY=PATTERN"},
       {2, {"match", "--rules", "/nonexistent"}, "/nonexistent: cannot be read"},
       {2, {"annotate", "com.example.share"}, "nothing to annotate"},
