@@ -14,7 +14,7 @@ using namespace Vornik;
 
 namespace {
 
-// A name with a slash in it is a path: no identifier has one.
+// A plug-in whose identifier has a slash in it is named by its UUID.
 bool isPath(std::string_view name) { return name.find('/') != std::string_view::npos; }
 
 // Rules that keep the wanted plug-in and few others; the daemon compares texts as versions, so equality is looked at
@@ -27,6 +27,17 @@ PlistValue rulesFor(std::string_view name) {
   std::size_t app = plugIns == std::string_view::npos ? plugIns : name.rfind(".app", plugIns);
   if (app != std::string_view::npos) rules.set(kVKRuleContainingApp, "=" + std::string(name.substr(0, app + 4)));
   return rules.take();
+}
+
+// The same for a path in no application: by the identifier in the manifest that lies there. Everything when nothing
+// there can be read.
+PlistValue rulesForBundle(ServiceBundles& bundles, std::string_view path) {
+  const PlistValue manifest = bundles.bundleAtPath(path)->infoDictionary().toPlist();
+  const PlistValue section = manifest[manifest.contains(kVKExtension) ? kVKExtension : kVKLegacySection];
+  PlistValue identifier = section[kVKExtensionIdentifier];
+  if (identifier.stringValue().empty()) identifier = manifest[kVKBundleIdentifier];
+  if (identifier.stringValue().empty()) return {};
+  return PlistBuilder().set(kVKRuleIdentifier, "=" + std::string(identifier.stringValue())).take();
 }
 
 bool isNamed(const PlistValue& form, std::string_view name) {
@@ -69,7 +80,9 @@ std::vector<PlistValue> PlugInNames::candidates(std::string_view name) {
     wanted = devicePathOfArgument(wanted);
     wanted = session_.services().files->canonicalPath(wanted).value_or(wanted);
   }
-  std::vector<PlistValue> forms = all(rulesFor(wanted));
+  PlistValue rules = rulesFor(wanted);
+  if (rules.empty()) rules = rulesForBundle(*session_.services().serviceBundles, wanted);
+  std::vector<PlistValue> forms = all(rules);
   std::erase_if(forms, [&](const PlistValue& form) { return !isNamed(form, wanted); });
   return forms;
 }

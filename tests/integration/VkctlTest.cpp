@@ -104,7 +104,9 @@ TEST_F(VkctlTest, TimeRunsOutOnADaemonThatDoesNotAnswer) {
 TEST_F(VkctlTest, APlugInIsNamedByUUIDIdentifierOrPath) {
   addPlugIn("/Applications/Photos.app/PlugIns/Twin.appex", manifest("com.example.twin", "1"));
   addPlugIn("/Applications/Photos.app/PlugIns/Twin2.appex", manifest("com.example.twin", "2"));
+  addPlugIn("/System/Library/PlugIns/Tool.appex", manifest("com.example.tool"));
   startDaemon();
+  EXPECT_EQ(vkctl({"ready", "/System/Library/PlugIns/Tool.appex"}).status, 0);
   std::string byName = vkctl({"show", "com.example.share", "--json"}).out;
   EXPECT_EQ(vkctl({"show", uuid(), "--json"}).out.size(), byName.size());
   EXPECT_EQ(vkctl({"show", std::string(kPlugIn) + "/", "--json"}).out.size(), byName.size());
