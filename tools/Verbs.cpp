@@ -10,12 +10,23 @@
 namespace vkctl {
 namespace {
 
+// What stands behind "--", for the verbs that take something there; empty for all others.
+std::string_view commandOf(std::string_view verb) {
+  return verb == "hold" ? "COMMAND..." : verb == "launch" ? "ARGUMENT..." : "";
+}
+
 // Two examples first, then the options: who asks for help mostly wants a line to change.
 class HelpText : public CLI::Formatter {
  public:
   std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override {
     if (mode == CLI::AppFormatMode::Sub) return Formatter::make_help(app, name, mode);
     return app->get_footer() + Formatter::make_help(app, name, mode);
+  }
+  std::string make_usage(const CLI::App* app, std::string name) const override {
+    std::string usage = Formatter::make_usage(app, std::move(name));
+    const std::string_view command = commandOf(app->get_name());
+    if (!command.empty()) usage.insert(usage.find_last_not_of('\n') + 1, " [-- " + std::string(command) + "]");
+    return usage;
   }
   // Both stand in what comes first.
   std::string make_footer(const CLI::App* /*app*/) const override { return ""; }
@@ -129,8 +140,7 @@ int Verbs::run(std::vector<std::string> arguments) {
   auto chosen = std::ranges::find_if(verbs_, [&](const auto& verb) { return verb.first->get_name() == name; });
   if (!name.empty() && chosen == verbs_.end()) return complainAboutVerb(name);
   // The words of a command are not options of ours.
-  bool takesCommand = name == "hold" || name == "launch";
-  if (auto dashes = std::ranges::find(arguments, "--"); takesCommand && dashes != arguments.end()) {
+  if (auto dashes = std::ranges::find(arguments, "--"); !commandOf(name).empty() && dashes != arguments.end()) {
     command_.assign(dashes + 1, arguments.end());
     arguments.erase(dashes, arguments.end());
     if (command_.empty()) return usageError(name + ": nothing behind -- (vkctl " + name + " --help)");
