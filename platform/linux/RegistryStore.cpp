@@ -207,9 +207,7 @@ bool RegistryStore::isRewriteDue() {
 bool RegistryStore::append() {
   // What could not be written is tried again with the next change.
   if (!writable_ || !std::exchange(changed_, false)) return true;
-  if (!(isRewriteDue() ? rewrite() : writeChanges())) return false;
-  failing_ = false;
-  return true;
+  return isRewriteDue() ? rewrite() : writeChanges();
 }
 
 bool RegistryStore::writeChanges() {
@@ -296,7 +294,7 @@ bool RegistryStore::sync() {
   }
   if (folderFlushDue_ && ::fsync(folder_.get()) != 0) return failed("flush");
   if (aboveFlushDue_ && !flushFoldersAbove(*root_, kDirectory)) return failed("flush");
-  flushDue_ = folderFlushDue_ = aboveFlushDue_ = false;
+  flushDue_ = folderFlushDue_ = aboveFlushDue_ = failing_ = false;
   return true;
 }
 

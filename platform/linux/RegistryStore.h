@@ -45,7 +45,7 @@ class RegistryStore {
   // Payloads are never empty.
   void put(std::string_view key, const SharedSlice& payload) { change(key, payload.view()); }
   void remove(std::string_view key) { change(key, {}); }
-  // False when the file does not say what counts; logged once until it does again.
+  // False when the file does not say what counts, or may not after a power cut; logged once until it does again.
   bool append();
   bool sync();
 

@@ -75,16 +75,17 @@ struct Oracle {
   }
 };
 
-// While it lives this operation fails: "pwrite", "fsync"…, "tmpfile" for making an unnamed file.
+// While it lives this operation fails, and no other: "pwrite", "fsync"…, "create" for making a file, "tmpfile" for an
+// unnamed one.
 class Trouble {
  public:
   Trouble(std::string operation, int error) {
     std::lock_guard lock(mutex());
-    current() = {std::move(operation), error};
+    before_ = std::exchange(current(), {std::move(operation), error});
   }
   ~Trouble() {
     std::lock_guard lock(mutex());
-    current() = {};
+    current() = before_;
   }
   Trouble(const Trouble&) = delete;
   Trouble& operator=(const Trouble&) = delete;
@@ -104,6 +105,7 @@ class Trouble {
     static std::pair<std::string, int> one;
     return one;
   }
+  std::pair<std::string, int> before_;
 };
 
 // Scratch folders lie in memory where they can: nothing here is to survive anything.
@@ -399,6 +401,10 @@ INTERCEPT(int, unlinkat, (int fd, const char* name, int flags), (fd, name, flags
 INTERCEPT(int, renameat, (int from, const char* a, int to, const char* b), (from, a, to, b), renamed(to, a, b))
 INTERCEPT(int, renameat2, (int from, const char* a, int to, const char* b, unsigned flags), (from, a, to, b, flags),
           renamed(to, a, b))
+extern "C" ssize_t read(int fd, void* bytes, size_t size) {
+  static auto real = fault::next<ssize_t (*)(int, void*, size_t)>("read");
+  return fault::Trouble::hits("read") ? -1 : real(fd, bytes, size);
+}
 INTERCEPT_FLUSH(fsync)
 INTERCEPT_FLUSH(fdatasync)
 

@@ -73,6 +73,7 @@ TEST_F(AnnotationPowerCut, LeavesTheOldOrTheNewTable) {
     std::function<void()> prepare;
     int before;
     std::string kept;
+    bool readable = true;
   } starts[] = {
       {"first start", [] {}, kNone, ""},
       {"first start, multi-user", [&] { scratch.write(kMultiUser, ""); }, kNone, ""},
@@ -80,6 +81,7 @@ TEST_F(AnnotationPowerCut, LeavesTheOldOrTheNewTable) {
       {"to multi-user", [&] { put(kShared, 0), scratch.write(kMultiUser, ""); }, 0, ""},
       {"to single-user", [&] { put(perUser(), 0); }, 0, ""},
       {"unreadable", [&] { scratch.write(kShared, "garbage"); }, kNone, "garbage"},
+      {"unreadable for once", [&] { put(kShared, 0); }, 0, "", false},
   };
   std::size_t checked = 0;
   for (const auto& test : starts) {
@@ -91,7 +93,11 @@ TEST_F(AnnotationPowerCut, LeavesTheOldOrTheNewTable) {
       test.prepare();
       fault::Recording recording(scratch, kVar);
       fault::Oracle oracle{test.before, {}};
-      ASSERT_EQ(start(), test.before);
+      {
+        std::optional<fault::Trouble> trouble;
+        if (!test.readable) trouble.emplace("read", EIO);
+        ASSERT_EQ(start(), test.readable ? test.before : kNone);
+      }
       for (int number = 1; number <= 3; ++number) oracle.saves.push_back(save(number, recording));
       for (const fault::State& state : recording.states()) {
         SCOPED_TRACE("after " + std::to_string(state.first) + " to " + std::to_string(state.last) + " operations");
@@ -113,6 +119,57 @@ TEST_F(AnnotationPowerCut, LeavesTheOldOrTheNewTable) {
   }
   std::printf("%zu states\n", checked);
   EXPECT_GT(checked, 500U);
+}
+
+// A disk that is full or broken, a folder that cannot be written to: the change is kept and told, nothing lies about,
+// and the next save brings it along.
+TEST_F(AnnotationPowerCut, WhatCannotBeSavedIsSavedByTheNextOneThatCan) {
+  const std::pair<const char*, int> troubles[] = {
+      {"tmpfile", ENOSPC}, {"tmpfile", EROFS}, {"tmpfile", EACCES}, {"write", ENOSPC},   {"write", EIO},
+      {"fsync", EIO},      {"linkat", ENOSPC}, {"linkat", EROFS},   {"renameat", EROFS}, {"renameat", EIO},
+  };
+  for (const auto& [operation, error] : troubles) {
+    SCOPED_TRACE(std::string(operation) + ", error " + std::to_string(error));
+    put(kShared, 0);
+    ASSERT_EQ(start(), 0);
+    const int told = log.count("unable to save annotations:/var/db/Vornik-Annotations error:");
+    {
+      fault::Trouble trouble(operation, error);
+      store->setAnnotationForPlugIn(dictionary({{"election", 1}}), *make());
+    }
+    EXPECT_EQ(log.count("unable to save annotations:/var/db/Vornik-Annotations error:"), told + 1);
+    EXPECT_EQ(stored(), 1);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(scratch.host("/var/db")), {}), 1);
+    const auto other = VKDAnnotationStore::initWithDatabase(services, std::nullopt);
+    EXPECT_EQ(other->annotationForIdentifier("test.plugin")["election"].intValue(), 0) << "the old file stays";
+    record = FakeRecord::appex("test.other");
+    store->setAnnotationForPlugIn(dictionary({{"election", 1}}), *make());
+    record = FakeRecord::appex("test.plugin");
+    EXPECT_EQ(start(), 1);
+  }
+}
+
+TEST_F(AnnotationPowerCut, WhatCannotBeReadIsReplacedOnlyWhenItIsKept) {
+  put(kShared, 0);
+  const std::string old = scratch.read(kShared);
+  {
+    fault::Trouble trouble("read", EIO);
+    EXPECT_EQ(start(), kNone);
+  }
+  EXPECT_EQ(log.count("(resetting)"), 1);
+  for (const char* operation : {"linkat", "fsync", "write", "renameat"}) {
+    fault::Trouble trouble(operation, EROFS);
+    store->setAnnotationForPlugIn(dictionary({{"election", 1}}), *make());
+    EXPECT_EQ(scratch.read(kShared), old) << operation;
+  }
+  EXPECT_EQ(log.count("unable to save"), 4);
+  store->setAnnotationForPlugIn(dictionary({{"election", 1}}), *make());
+  EXPECT_EQ(start(), 1);
+  std::string kept;
+  for (const auto& file : std::filesystem::directory_iterator(scratch.host("/var/db"))) {
+    if (log.count("could not be loaded at /var/db/" + file.path().filename().string()) != 0) kept = file.path();
+  }
+  EXPECT_EQ(support::ScratchRoot::contents(kept), old) << log.all();
 }
 
 }  // namespace

@@ -114,17 +114,6 @@ TEST_F(VKDAnnotationStoreTest, AFileThatCannotBeKeptAsideIsNotReplaced) {
   EXPECT_EQ(fileAt(kShared)["data"], dictionary({{"a", elected}, {"b", elected}}));
 }
 
-TEST_F(VKDAnnotationStoreTest, AChangeThatCannotBeSavedIsWrittenByTheNextSaveThatWorks) {
-  start("/store");
-  device.files->writeError = 28;
-  set("a", elected);
-  EXPECT_TRUE(log.has(LogLevel::Error, "ops", "unable to save annotations:/store error:file error 28"));
-  EXPECT_EQ(store->annotationForIdentifier("a"), elected);
-  device.files->writeError = 0;
-  set("b", elected);
-  EXPECT_EQ(fileAt("/store")["data"].size(), 2U);
-}
-
 TEST_F(VKDAnnotationStoreTest, ChangingTheUserModeTakesTheOtherModesFileOver) {
   put(kShared, dictionary({{"a", elected}}));
   device.users->multiUser = true;
