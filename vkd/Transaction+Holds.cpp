@@ -77,6 +77,7 @@ void Transaction::grantHold(const VKDPlugIns& plugIns) {
   switch (server().addHold(hold)) {
     case VKDServer::HoldAdded::TooMany:
       reply_.set(kVKMessageUUIDs, Message());
+      VK_LOG(vk_ops(), Error, "client %d is refused a hold: it has %u", client_->pid(), VKDServer::kMaxHoldsPerClient);
       return failMessage(VKErrorInvalidRequest, "too many holds");
     case VKDServer::HoldAdded::ClientIsGone:
       return done();  // to nobody

@@ -135,6 +135,7 @@ TEST_F(Holds, AreBoundedPerClient) {
   UUID last;
   for (std::uint32_t i = 0; i < VKDServer::kMaxHoldsPerClient; ++i) last = token(lock(client, {}, kApplications));
   EXPECT_EQ(lock(client, {a->url->path}, kPlugIns), failure(4, "too many holds"));
+  EXPECT_TRUE(log.has(LogLevel::Error, "ops", "client 77 is refused a hold: it has 256"));
   EXPECT_FALSE(isHeld(a));
   EXPECT_NE(token(lock(other, {}, kApplications)), UUID());
   release(list({last}));
