@@ -31,8 +31,8 @@ void markBusy(const DeviceRoot& root, bool busy) {
   std::string name = std::to_string(::getpid());
   bool done = false;
   if (directory && busy) {
-    done = static_cast<bool>(
-        UniqueFd(::openat(directory.get(), name.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644)));
+    done = static_cast<bool>(UniqueFd(
+        ::openat(directory.get(), name.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644)));
   } else if (directory) {
     done = ::unlinkat(directory.get(), name.c_str(), 0) == 0 || errno == ENOENT;
   }

@@ -109,7 +109,8 @@ void RegistryStore::openFile() {
   }
   // Opening anything but a regular file may already do something.
   if (S_ISREG(state.st_mode)) {
-    file_ = UniqueFd(::openat(folder_.get(), kFileName, (writable_ ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC));
+    file_ = UniqueFd(
+        ::openat(folder_.get(), kFileName, (writable_ ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   } else {
     errno = EINVAL;
   }
