@@ -35,8 +35,14 @@ std::string_view executableName(const PlistValue& manifest) {
   return isSafeComponent(name.stringValue()) ? name.stringValue() : std::string_view();
 }
 
-RegistryBundle::RegistryBundle(const DeviceRoot& root, std::string canonicalPath)
-    : root_(root), path_(std::move(canonicalPath)), directory_(root.openWithoutLinks(path_, O_PATH | O_DIRECTORY)) {
+RegistryBundle::RegistryBundle(const DeviceRoot& root, std::string canonicalPath, int folder)
+    : root_(root), path_(std::move(canonicalPath)) {
+  constexpr int kFlags = O_PATH | O_DIRECTORY;
+  if (folder < 0) {
+    directory_ = root.openWithoutLinks(path_, kFlags);
+  } else {
+    directory_ = UniqueFd(::openat(folder, path_.c_str() + path_.rfind('/') + 1, kFlags | O_NOFOLLOW | O_CLOEXEC));
+  }
   if (!directory_) {
     note(errno);
     return;
@@ -137,29 +143,22 @@ std::vector<RegistryBundle::Directory> RegistryBundle::directories() const {
   return result;
 }
 
-std::optional<std::vector<DirectoryItem>> listDirectories(const DeviceRoot& root, const std::string& path) {
-  UniqueFd fd = root.openWithoutLinks(path, O_RDONLY | O_DIRECTORY);
-  if (!fd) return std::nullopt;
-  std::unique_ptr<DIR, int (*)(DIR*)> directory(::fdopendir(fd.get()), ::closedir);
+std::optional<DirectoryListing> listDirectories(const DeviceRoot& root, const std::string& path) {
+  DirectoryListing listing{root.openWithoutLinks(path, O_RDONLY | O_DIRECTORY), {}};
+  UniqueFd read(listing.directory ? ::fcntl(listing.directory.get(), F_DUPFD_CLOEXEC, 0) : -1);
+  if (!read) return std::nullopt;
+  std::unique_ptr<DIR, int (*)(DIR*)> directory(::fdopendir(read.get()), ::closedir);
   if (!directory) return std::nullopt;
-  static_cast<void>(fd.release());  // the stream closes it now
-  std::vector<DirectoryItem> items;
+  static_cast<void>(read.release());  // the stream closes it now
   errno = 0;
   while (const dirent* item = ::readdir(directory.get())) {
     bool candidate = item->d_type == DT_DIR || item->d_type == DT_LNK || item->d_type == DT_UNKNOWN;
-    if (!candidate || item->d_name[0] == '.') continue;
-    bool link = item->d_type == DT_LNK;
-    if (item->d_type == DT_UNKNOWN) {
-      struct stat state {};
-      link =
-          ::fstatat(::dirfd(directory.get()), item->d_name, &state, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(state.st_mode);
-    }
-    items.push_back({item->d_name, link});
+    if (candidate && item->d_name[0] != '.') listing.names.emplace_back(item->d_name);
     errno = 0;
   }
   if (errno != 0) return std::nullopt;
-  std::sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
-  return items;
+  std::sort(listing.names.begin(), listing.names.end());
+  return listing;
 }
 
 }  // namespace platform

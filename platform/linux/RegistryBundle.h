@@ -24,7 +24,8 @@ bool isPassingError(int errorNumber);
 
 class RegistryBundle {
  public:
-  RegistryBundle(const DeviceRoot& root, std::string canonicalPath);
+  // `folder` is the open directory that it lies in, if that is at hand: it need not be looked for then.
+  RegistryBundle(const DeviceRoot& root, std::string canonicalPath, int folder = -1);
 
   bool exists() const { return static_cast<bool>(directory_); }
   // It could not be looked at; exists() and the stamps say nothing then.
@@ -68,12 +69,12 @@ class RegistryBundle {
 // The name of the executable in a manifest; empty when it names none that could be a file of the bundle.
 std::string_view executableName(const PlistValue& manifest);
 
-// What lies in a directory: names, ascending; nothing and errno when it cannot be read to its end.
-struct DirectoryItem {
-  std::string name;
-  bool isLink;
+// What may be bundles in a directory: the names of directories and links that do not start with a dot, ascending.
+struct DirectoryListing {
+  UniqueFd directory;
+  std::vector<std::string> names;
 };
-// Directories and links only, without those whose name starts with a dot.
-std::optional<std::vector<DirectoryItem>> listDirectories(const DeviceRoot& root, const std::string& path);
+// Nothing and errno when it cannot be read to its end.
+std::optional<DirectoryListing> listDirectories(const DeviceRoot& root, const std::string& path);
 
 }  // namespace platform

@@ -153,14 +153,14 @@ void RegistryInventory::lookAtFolder(const std::string& path) {
   if (folder == nullptr) return;
   hold(folder->hold, path, RegistryWatcher::Changes::Names);
   if (folder->listed) {
-    std::optional<std::vector<DirectoryItem>> items = listDirectories(*context_->root, path);
-    if (!items && isPassingError(errno)) {
+    std::optional<DirectoryListing> listing = listDirectories(*context_->root, path);
+    if (!listing && isPassingError(errno)) {
       retry(folder->application ? RegistryUnit::Kind::Application : RegistryUnit::Kind::Everything,
             folder->application ? folder->application->path() : std::string());
     }
     ++visit_;
-    for (const DirectoryItem& item : items.value_or(std::vector<DirectoryItem>())) {
-      if ((folder = findFolder(path)) != nullptr) lookAtBundle(*folder, item.name);
+    for (std::size_t i = 0; listing && i < listing->names.size(); ++i) {
+      if ((folder = findFolder(path)) != nullptr) lookAtBundle(*folder, listing->names[i], listing->directory.get());
     }
   } else {
     dropLinksIn(path);

@@ -28,9 +28,9 @@ void RegistryInventory::lookAtBundle(const std::string& path) {
   dropIfUnused(parent);
 }
 
-void RegistryInventory::lookAtBundle(Folder& folder, const std::string& name) {
+void RegistryInventory::lookAtBundle(Folder& folder, const std::string& name, int directory) {
   const std::string path = joinPath(folder.path, name);
-  RegistryBundle found(*context_->root, path);
+  RegistryBundle found(*context_->root, path, directory);
   if (found.exists()) {
     dropLink(path);
   } else if (folder.listed && !found.failed()) {
@@ -48,9 +48,9 @@ void RegistryInventory::lookAtBundle(Folder& folder, const std::string& name) {
     if (known != folder.bundles.end()) removeBundle(folder, name, wanted);
     return;
   }
-  Bundle& bundle = folder.bundles[name];
+  Bundle& bundle = known != folder.bundles.end() ? known->second : folder.bundles[name];
   bundle.visit = visit_;
-  holdAll(bundle.holds, found, bundle.holds.size());
+  if (watchesBundles_) holdAll(bundle.holds, found, bundle.holds.size());
   compare(folder, path, bundle, found);
 }
 

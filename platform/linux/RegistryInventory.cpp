@@ -46,6 +46,9 @@ void RegistryInventory::load() {
   follower_.follow(systemFolder_.path, kReason);
   follower_.follow(std::string(RegistryContainers::kDirectory), kReason);
   lookAtEverything();
+  // What changed since, unwatched, is found by looking again when the first questions are answered.
+  watchesBundles_ = true;
+  agenda_.retry({RegistryUnit::Kind::Everything, {}}, RegistryAgenda::Clock::now());
 }
 
 void RegistryInventory::look(const RegistryUnit& unit) {
@@ -104,13 +107,13 @@ void RegistryInventory::lookAtApplicationFolder(TopFolder& top) {
   resolve(top);
   if (top.canonical.empty()) return;
   hold(top.hold, top.canonical, RegistryWatcher::Changes::Names);
-  std::optional<std::vector<DirectoryItem>> items = listDirectories(*context_->root, top.canonical);
-  if (!items) {
+  std::optional<DirectoryListing> listing = listDirectories(*context_->root, top.canonical);
+  if (!listing) {
     if (isPassingError(errno)) retry(RegistryUnit::Kind::Everything, {});
     return;
   }
-  for (const DirectoryItem& item : *items) {
-    if (item.name.ends_with(kApplicationEnding)) lookAtApplication(joinPath(top.canonical, item.name));
+  for (const std::string& name : listing->names) {
+    if (name.ends_with(kApplicationEnding)) lookAtApplication(joinPath(top.canonical, name));
   }
 }
 
@@ -188,14 +191,15 @@ void RegistryInventory::noteApplicationEvent(const std::string& directory, std::
   if (applications_.contains(around)) note(RegistryUnit::Kind::Application, around);
 }
 
-// Which of its files matter is known only when its manifest was read: any event in a bundle counts.
-bool RegistryInventory::noteBundleEvent(const std::string& directory) {
+// Which of its files matter is known only when its manifest was read: any event in a bundle counts. One may be named as
+// the parts of the one that it lies in are.
+void RegistryInventory::noteBundleEvent(const std::string& directory) {
   std::string path = directory;
-  if (nameOf(path) == kExecutablesFolder && nameOf(parentOf(path)) == kContentsFolder) path = parentOf(path);
-  if (nameOf(path) == kContentsFolder && findBundle(parentOf(path)) != nullptr) path = parentOf(path);
-  if (findBundle(path) == nullptr) return false;
-  note(RegistryUnit::Kind::Bundle, path);
-  return true;
+  if (findBundle(path) != nullptr) note(RegistryUnit::Kind::Bundle, path);
+  if (nameOf(path) == kExecutablesFolder) path = parentOf(path);
+  if (nameOf(path) == kContentsFolder && findBundle(parentOf(path)) != nullptr) {
+    note(RegistryUnit::Kind::Bundle, parentOf(path));
+  }
 }
 
 // True when there is a link. What it leads to is then looked at, for as long as it leads there.

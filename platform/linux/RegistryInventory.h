@@ -10,8 +10,9 @@
 //   any other folder     /opt/plugins              only bundles that were registered by path, or that a link in one of
 //                                                  the others leads to
 //
-// A directory is watched before it is looked at, so that no change falls between the two. What cannot be looked at for
-// a passing reason stays as it is and is tried again. Everything here is done by one thread at a time.
+// A directory is watched before it is looked at, so that no change falls between the two. At start, when somebody waits
+// for the first answer, bundles are looked at unwatched, and soon after once more. What cannot be looked at for a
+// passing reason stays as it is and is tried again. Everything here is done by one thread at a time.
 #pragma once
 
 #include <array>
@@ -127,7 +128,8 @@ class RegistryInventory {
 
   // Bundles.
   void lookAtBundle(const std::string& path);
-  void lookAtBundle(Folder& folder, const std::string& name);
+  // `directory` is the open folder, if that is at hand.
+  void lookAtBundle(Folder& folder, const std::string& name, int directory = -1);
   void compare(const Folder& folder, const std::string& path, Bundle& bundle, RegistryBundle& found);
   bool isUnchanged(const Folder& folder, const Bundle& bundle, const RegistryBundle& found) const;
   void leaveForLater(const Folder& folder, const std::string& path, Bundle& bundle);
@@ -153,7 +155,7 @@ class RegistryInventory {
   void hold(RegistryWatcher::Hold& hold, const std::string& path, RegistryWatcher::Changes changes);
   void holdAll(Holds& holds, const RegistryBundle& found, std::size_t count);
   void releaseAll(Holds& holds);
-  bool noteBundleEvent(const std::string& directory);
+  void noteBundleEvent(const std::string& directory);
   void noteApplicationEvent(const std::string& directory, std::string_view name);
   void note(RegistryUnit::Kind kind, std::string path);
   void retry(RegistryUnit::Kind kind, std::string path);
@@ -173,6 +175,7 @@ class RegistryInventory {
   std::deque<std::string> vanished_;  // requested bundles that are not there, the longest gone first
   std::uint32_t pass_ = 0;            // over everything
   std::uint32_t visit_ = 0;           // of a folder
+  bool watchesBundles_ = false;       // not at the first look
   bool incomplete_ = false;           // something could not be looked at: nobody can say what is not wanted any more
   Changes changes_;
 };
