@@ -11,6 +11,7 @@
 
 #include "Vornik/VKLog.h"
 #include "Vornik/VKProtocol.h"
+#include "platform/Heap.h"
 #include "platform/Services.h"
 #include "vkd/CommandLine.h"
 #include "vkd/VKDServer.h"
@@ -53,6 +54,7 @@ int serve(const CommandLine& options) {
 }  // namespace
 
 int main(int count, char** words) {
+  platform::keepFreedMemory();
   VK_LOG(vk_ops(), Info, "vkd is launching");
   std::string diagnostic;
   auto options = CommandLine::parse(std::span<const char* const>(words, count).subspan(count > 0 ? 1 : 0), &diagnostic);
