@@ -32,6 +32,7 @@ class EveryFailure : public Device {
                                      {"FAILNTH_N", std::to_string(number)},
                                      {"FAILNTH_ERRNO", std::to_string(error)},
                                      {"FAILNTH_MARK", mark},
+                                     {"ASAN_OPTIONS", "verify_asan_link_order=0"},
                                      {"VANTREL_LOG", "info"}});
     if (started()) live();
     std::string failed = contentOf(mark);
