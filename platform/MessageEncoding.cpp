@@ -64,7 +64,7 @@ class Encoder {
     std::size_t from = 0;
     for (const auto& [place, inserted] : inserted_) {
       rope.append(own.part(from, place - from));
-      rope.append(inserted);
+      rope.append(*inserted);
       from = place;
     }
     rope.append(own.part(from, own.size() - from));
@@ -111,12 +111,12 @@ class Encoder {
   void plist(const Rope& encoded) {
     own_ += 'p';
     appendU32(own_, static_cast<std::uint32_t>(encoded.size()));
-    inserted_.emplace_back(own_.size(), encoded);
+    inserted_.emplace_back(own_.size(), &encoded);
     insertedSize_ += encoded.size();
   }
 
   std::string own_;
-  std::vector<std::pair<std::size_t, Rope>> inserted_;  // property lists, by their place in own_
+  std::vector<std::pair<std::size_t, const Rope*>> inserted_;  // property lists, by their place in own_
   std::uint64_t insertedSize_ = 0;
 };
 

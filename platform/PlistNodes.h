@@ -20,6 +20,7 @@ struct PlistValue::DictionaryNode final : Shared {
 
 namespace plist_encoding {
 
+inline constexpr std::size_t kNumberSize = 9;     // tag, 64 bits
 inline constexpr std::size_t kContainerHead = 9;  // tag, size, count
 inline constexpr std::size_t kTextHead = 5;       // tag, length
 inline constexpr std::size_t kKeyHead = 4;        // length
@@ -52,7 +53,7 @@ inline std::size_t sizeOfValue(const char* at) {
     case 'u':
     case 'r':
     case 'd':
-      return 9;
+      return kNumberSize;
     default:
       return kTextHead + readU32(at + 1);
   }
