@@ -116,6 +116,20 @@ TEST(PlistEncoding, WrongOrderDepthAndKindsAreErrors) {
   EXPECT_FALSE(decodePlist(SharedSlice::take(twice)));
   std::swap(twice[13], twice[19]);
   EXPECT_TRUE(decodePlist(SharedSlice::take(twice)));
+  // Every order of two keys, wherever they begin to differ and however they end.
+  const std::vector<std::string> keys = {"", "a", "a\xff", "common prefix", "common prefix a", "common prefix and more",
+                                         "common prefix \xff", "commonPRefix"};
+  for (const std::string& first : keys) {
+    for (const std::string& second : keys) {
+      PlistEncoder encoder;
+      encoder.dictionaryHead(2 * (4 + 1) + first.size() + second.size(), 2);
+      encoder.key(first);
+      encoder.value(true);
+      encoder.key(second);
+      encoder.value(true);
+      EXPECT_EQ(static_cast<bool>(decodePlist(encoder.take().flat())), first < second) << first << ", " << second;
+    }
+  }
   EXPECT_FALSE(decodePlist(SharedSlice::take("u\1\0\0\0\0\0\0\0"s)));
   EXPECT_FALSE(decodePlist(SharedSlice::take("q"s)));
   SharedSlice deep = encodePlist(nested(70)).flat();
