@@ -117,8 +117,14 @@ TEST(PlistEncoding, WrongOrderDepthAndKindsAreErrors) {
   std::swap(twice[13], twice[19]);
   EXPECT_TRUE(decodePlist(SharedSlice::take(twice)));
   // Every order of two keys, wherever they begin to differ and however they end.
-  const std::vector<std::string> keys = {"", "a", "a\xff", "common prefix", "common prefix a", "common prefix and more",
-                                         "common prefix \xff", "commonPRefix"};
+  const std::vector<std::string> keys = {"",
+                                         "a",
+                                         "a\xff",
+                                         "common prefix",
+                                         "common prefix a",
+                                         "common prefix and more",
+                                         "common prefix \xff",
+                                         "commonPRefix"};
   for (const std::string& first : keys) {
     for (const std::string& second : keys) {
       PlistEncoder encoder;
