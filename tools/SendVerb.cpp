@@ -46,14 +46,20 @@ class Conversation {
       client.sendReply(*request, std::move(block));
     });
     if (!quiet_ || reply.isError()) session_.printJson(reply);
-    if (!reply.isError()) return;
+    if (!reply.isError()) {
+      answered_ = true;
+      return;
+    }
     connected_ = false;
-    throw Failure(*session_.failureOf(reply, ""));
+    Failure failure = *session_.failureOf(reply, "");
+    // Who has answered was reached: the connection broke, even if that shows only when no new one can be made.
+    throw answered_ ? Failure(ExitStatus::Failed, failure.object(), failure.what()) : failure;
   }
 
   Session& session_;
   bool quiet_;
   bool connected_ = true;
+  bool answered_ = false;
   std::size_t lines_ = 0;
   ExitStatus status_ = ExitStatus::Done;
 };

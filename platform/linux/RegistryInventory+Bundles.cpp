@@ -190,6 +190,8 @@ bool RegistryInventory::request(const std::string& path) {
   Bundle* result = findBundle(path);
   if (result == nullptr) return false;
   if (result->record) {
+    // Registered before, perhaps, and its container removed since.
+    if (result->record->wantsDataContainer()) context_->containers.make(result->record->identifier());
     RegistryEntry marked = result->entry.marked(result->requested, false);
     if (!marked.is(result->entry)) {
       result->entry = std::move(marked);

@@ -198,6 +198,9 @@ TEST_F(VkctlTest, SendKeepsOneConnectionAndTellsWhenItBreaks) {
                 std::string(kPlugIn) + "\"]}\n");
   ASSERT_TRUE(client->says("{\"uuids\":{\"$uuid\":\""));
   EXPECT_EQ(seenBy(kPhotos), "") << "held on that connection";
+  auto idle = start({VKCTL_PROGRAM, "send"});
+  idle->write(request);
+  ASSERT_TRUE(idle->says("{}"));
   daemon().signal(SIGSTOP);
   client->write(request);
   daemon().signal(SIGKILL);
@@ -205,6 +208,8 @@ TEST_F(VkctlTest, SendKeepsOneConnectionAndTellsWhenItBreaks) {
   Result result = client->finish();
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.out.find("{\"$error\":\""), std::string::npos) << result.out;
+  idle->write(request);
+  EXPECT_EQ(idle->finish().status, 1) << "broke between two requests";
 }
 
 // --- diagnose -------------------------------------------------------------------------------------------------------

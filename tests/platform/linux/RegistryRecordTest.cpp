@@ -181,6 +181,8 @@ TEST(RegistryContainer, IsMadeForWhoNeedsOneAndLeadsNowhereElse) {
   EXPECT_EQ(recordAt(*registry, normal)->dataContainerURL(), std::nullopt);
   std::filesystem::create_directories(device.host("/var/containers/com.example.data"));
   EXPECT_TRUE(recordAt(*registry, data)->dataContainerURL()) << "exists when its folder does";
+  EXPECT_TRUE(registry->registerPlugIn(FileURL{normal}));
+  EXPECT_TRUE(recordAt(*registry, normal)->dataContainerURL()) << "made by every registration";
 }
 
 }  // namespace
