@@ -39,6 +39,7 @@ class EventWaiter final : public Waiter {
   EventWaiter() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
   void signal() override {
+    signalled_.store(true, std::memory_order_release);
     std::uint64_t one = 1;
     [[maybe_unused]] ssize_t written = ::write(event_.get(), &one, sizeof one);
   }
@@ -56,7 +57,8 @@ class EventWaiter final : public Waiter {
       }
       int ready = ::ppoll(fds.data(), fds.size(), timeout ? &remaining : nullptr, nullptr);
       if (ready < 0) continue;  // a signal: its byte is in the pipe now
-      if (fds[0].revents != 0) return WaitResult::Done;
+      // What came before the signal is to be seen behind it: the language knows nothing of descriptors.
+      if (signalled_.load(std::memory_order_acquire)) return WaitResult::Done;
       if (fds[1].revents != 0) return WaitResult::Interrupted;
       if (ready == 0 && timeout) return WaitResult::TimedOut;
     }
@@ -64,6 +66,7 @@ class EventWaiter final : public Waiter {
 
  private:
   UniqueFd event_;
+  std::atomic<bool> signalled_{false};
 };
 
 }  // namespace
