@@ -58,14 +58,14 @@ PlistValue VKPlugInCore::exportFormWithoutAnnotations(std::optional<DomainError>
       if (error != nullptr) *error = vk_errorf(VKErrorInvalidPlugIn, "missing \"%@\" for the plug-in form", entry.key);
       return {};
     }
-    form.set(entry.key, entry.value);
+    form.setConstant(entry.key, entry.value);
   }
   // Setting nothing leaves an entry out.
-  form.set(kVKFormEntitlements, entitlements());
-  form.set(kVKFormContainingPath, text(containingPath()));
-  form.set(kVKFormLocalizedContainingName, text(localizedContainingName()));
-  form.set(kVKFormLocalizedName, text(localizedName()));
-  form.set(kVKFormLocalizedShortName, text(localizedShortName()));
+  form.setConstant(kVKFormEntitlements, entitlements());
+  form.setConstant(kVKFormContainingPath, text(containingPath()));
+  form.setConstant(kVKFormLocalizedContainingName, text(localizedContainingName()));
+  form.setConstant(kVKFormLocalizedName, text(localizedName()));
+  form.setConstant(kVKFormLocalizedShortName, text(localizedShortName()));
   return form.take();
 }
 

@@ -118,7 +118,15 @@ PlistValue::PlistValue(const PlistValue& other) noexcept
   if (owner_ != nullptr) owner_->retain();
 }
 
-PlistValue::PlistValue(PlistValue&& other) noexcept { swap(other); }
+PlistValue::PlistValue(PlistValue&& other) noexcept
+    : kind_(std::exchange(other.kind_, Kind::Nothing)),
+      encoded_(std::exchange(other.encoded_, false)),
+      large_(other.large_),
+      depth_(std::exchange(other.depth_, std::uint8_t{0})),
+      length_(std::exchange(other.length_, 0U)),
+      owner_(std::exchange(other.owner_, nullptr)) {
+  bits_ = other.bits_;
+}
 
 PlistValue& PlistValue::operator=(const PlistValue& other) noexcept {
   PlistValue copy(other);
@@ -335,7 +343,7 @@ std::vector<PlistBuilder::Item>::iterator PlistBuilder::position(std::string_vie
                           [](const Item& item, std::string_view k) { return item.key.stringValue() < k; });
 }
 
-PlistBuilder& PlistBuilder::set(std::string_view key, PlistValue value) {
+PlistBuilder& PlistBuilder::put(std::string_view key, PlistValue value, bool constant) {
   auto at = position(key);
   bool found = at != items_.end() && at->key.stringValue() == key;
   if (!value) {
@@ -343,7 +351,8 @@ PlistBuilder& PlistBuilder::set(std::string_view key, PlistValue value) {
   } else if (found) {
     at->value = std::move(value);
   } else {
-    items_.insert(at, {PlistValue(key), std::move(value)});
+    PlistValue stored = constant ? PlistValue::string(SharedSlice(nullptr, key)) : PlistValue(key);
+    items_.insert(at, {std::move(stored), std::move(value)});
   }
   return *this;
 }

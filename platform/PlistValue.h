@@ -161,7 +161,9 @@ class PlistBuilder {
   explicit PlistBuilder(const PlistValue& dictionary);
 
   // Sets, or removes when value is nothing.
-  PlistBuilder& set(std::string_view key, PlistValue value);
+  PlistBuilder& set(std::string_view key, PlistValue value) { return put(key, std::move(value), false); }
+  // The same with a key that is a constant of the program: it is referred to, not copied.
+  PlistBuilder& setConstant(std::string_view key, PlistValue value) { return put(key, std::move(value), true); }
   PlistBuilder& remove(std::string_view key) { return set(key, PlistValue()); }
   PlistValue operator[](std::string_view key) const;
   // The dictionary; the builder is empty afterwards. Throws like PlistValue::dictionary.
@@ -172,6 +174,7 @@ class PlistBuilder {
     PlistValue key;
     PlistValue value;
   };
+  PlistBuilder& put(std::string_view key, PlistValue value, bool constant);
   std::vector<Item>::iterator position(std::string_view key);
   std::vector<Item> items_;  // by ascending key
   friend class PlistValue;

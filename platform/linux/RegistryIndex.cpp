@@ -127,6 +127,11 @@ void RegistryIndex::remove(const std::shared_ptr<RegistryRecord>& record) {
 void RegistryIndex::change(const Records& removed, const Records& installed) {
   std::unique_lock lock(mutex_);
   for (const auto& record : removed) remove(record);
+  if (all_.empty()) {  // at start, when thousands may come at once
+    all_.reserve(installed.size());
+    byPath_.reserve(installed.size());
+    for (IndexKind kind : {Identifier, Uuid}) indexes_[kind].reserve(installed.size());
+  }
   for (const auto& record : installed) add(record);
 }
 

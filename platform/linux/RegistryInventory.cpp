@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -30,12 +31,18 @@ RegistryInventory::RegistryInventory(std::shared_ptr<RegistryContext> context, s
 }
 
 void RegistryInventory::load() {
-  for (RegistryStore::Entry& stored : store_.load()) {
-    std::string path = stored.key.substr(1);
-    if (stored.key[0] == kApplicationKey) {
-      makeApplication(path).record->update(RegistryAppEntry::fromPayload(stored.payload), false, false);
+  Folder* folder = nullptr;
+  for (const RegistryStore::Entry& stored : store_.load()) {
+    std::string_view path = stored.key.view().substr(1);
+    if (stored.key.view()[0] == kApplicationKey) {
+      RegistryApp& application = *makeApplication(std::string(path)).record;
+      application.update(RegistryAppEntry::fromPayload(stored.payload), false, false);
     } else if (RegistryEntry entry = RegistryEntry::fromPayload(stored.payload); entry && path.starts_with('/')) {
-      Bundle& bundle = makeFolder(parentOf(path)).bundles[std::string(nameOf(path))];
+      // Neighbours mostly follow each other.
+      std::string_view name = nameOf(path);
+      std::string_view parent = path.substr(0, std::max<std::size_t>(path.size() - name.size() - 1, 1));
+      if (folder == nullptr || folder->path != parent) folder = &makeFolder(std::string(parent));
+      Bundle& bundle = folder->bundles[std::string(name)];
       bundle.requested = entry.isRequested();
       bundle.entry = std::move(entry);
       bundle.stored = true;

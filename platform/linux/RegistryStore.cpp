@@ -122,27 +122,28 @@ std::vector<RegistryStore::Entry> RegistryStore::load() {
   if (!openFolder()) return entries;
   openFile();
   if (!file_) return entries;
-  std::unordered_map<std::string, std::size_t> last;  // entry of each key that is not removed
+  std::unordered_map<std::string_view, std::size_t> last;  // entry of each key that is not removed
   JournalEnd end = readJournal(file_.get(), [&](std::string_view key, const SharedSlice& payload) {
+    // Both lie in the same block of the file.
     if (payload.size() == 0) {
-      last.erase(std::string(key));
+      last.erase(key);
     } else {
-      last.insert_or_assign(std::string(key), entries.size());
-      entries.push_back({std::string(key), payload});
+      last[key] = entries.size();
+      entries.push_back({SharedSlice(payload.owner(), key), payload});
     }
   });
-  std::size_t kept = 0;
+  // The keys of the table lie in blocks that only the entries keep: none of them goes before the table.
+  std::vector<Entry> counting;
+  counting.reserve(last.size());
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    auto place = last.find(entries[i].key);
+    auto place = last.find(entries[i].key.view());
     if (place == last.end() || place->second != i) continue;
-    live_ += journalEntrySize(entries[i].key, entries[i].payload.size());
-    if (kept != i) entries[kept] = std::move(entries[i]);
-    ++kept;
+    live_ += journalEntrySize(entries[i].key.view(), entries[i].payload.size());
+    counting.push_back(std::move(entries[i]));
   }
-  entries.resize(kept);
-  releaseSparseBlocks(entries);
+  releaseSparseBlocks(counting);
   adopt(end);
-  return entries;
+  return counting;
 }
 
 // What was read of the file counts. Where it ends badly, nothing is appended behind that.

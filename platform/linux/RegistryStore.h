@@ -28,7 +28,7 @@ class RegistryStore {
   static constexpr const char* kFileName = "records";
 
   struct Entry {
-    std::string key;
+    SharedSlice key;
     SharedSlice payload;
   };
 

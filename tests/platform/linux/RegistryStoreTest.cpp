@@ -23,7 +23,7 @@ class RegistryStoreTest : public testing::Test {
             for (const auto& [key, payload] : content) visit(key, SharedSlice::take(payload));
           }) {
       for (const RegistryStore::Entry& entry : store.load()) {
-        EXPECT_TRUE(content.emplace(entry.key, entry.payload.view()).second) << "twice";
+        EXPECT_TRUE(content.emplace(entry.key.view(), entry.payload.view()).second) << "twice";
       }
     }
     void put(const std::string& key, const std::string& payload) {
