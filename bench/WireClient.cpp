@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -75,19 +76,35 @@ std::string WireClient::frame(const platform::Message& request) {
   return bytes;
 }
 
-std::string WireClient::receive() {
+std::size_t WireClient::receiveHead() {
+  while (ahead_ < sizeof(Head)) {
+    ssize_t done = ::recv(fd_, readAhead_.data() + ahead_, readAhead_.size() - ahead_, 0);
+    if (done <= 0) fail("recv");
+    ahead_ += static_cast<std::size_t>(done);
+  }
   Head head;
-  readAll(fd_, &head, sizeof head);
-  std::string payload(head.length, '\0');
-  readAll(fd_, payload.data(), payload.size());
+  std::memcpy(&head, readAhead_.data(), sizeof head);
+  return head.length;
+}
+
+void WireClient::receiveRest(char* payload, std::size_t size) {
+  const std::size_t here = std::min(ahead_ - sizeof(Head), size);
+  std::memcpy(payload, readAhead_.data() + sizeof(Head), here);
+  ahead_ -= sizeof(Head) + here;
+  std::memmove(readAhead_.data(), readAhead_.data() + sizeof(Head) + here, ahead_);
+  readAll(fd_, payload + here, size - here);
+}
+
+std::string WireClient::receive() {
+  std::string payload(receiveHead(), '\0');
+  receiveRest(payload.data(), payload.size());
   return payload;
 }
 
 void WireClient::receiveInto(std::vector<char>& payload) {
-  Head head;
-  readAll(fd_, &head, sizeof head);
-  if (payload.size() < head.length) payload.resize(head.length);
-  readAll(fd_, payload.data(), head.length);
+  const std::size_t size = receiveHead();
+  if (payload.size() < size) payload.resize(size);
+  receiveRest(payload.data(), size);
 }
 
 platform::Message WireClient::call(const platform::Message& request) {

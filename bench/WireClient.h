@@ -1,6 +1,7 @@
 // A client that speaks the wire protocol on a blocking socket: what a host in any language would do, and nothing more.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -35,7 +36,14 @@ class WireClient {
   platform::Message call(const platform::Message& request);
 
  private:
+  // Reads until the head of a reply is there; answers the size of its payload.
+  std::size_t receiveHead();
+  void receiveRest(char* payload, std::size_t size);
+
   int fd_;
+  // What one call reads at least: small replies are there with their head, large ones go where they are wanted.
+  std::array<char, 512> readAhead_;
+  std::size_t ahead_ = 0;
 };
 
 }  // namespace bench
