@@ -100,9 +100,9 @@ PlistValue RegistryBundle::readManifest(DomainError* error) {
   const std::string path = supportPath() + "/" + std::string(kManifestFileName);
   UniqueFd handle(::openat(deep_ ? contents_.get() : directory_.get(), std::string(kManifestFileName).c_str(),
                            O_PATH | O_NOFOLLOW | O_CLOEXEC));
-  struct stat state {};
-  bool link = handle && ::fstat(handle.get(), &state) == 0 && S_ISLNK(state.st_mode);
-  UniqueFd file = link ? root_.openRegularFile(path) : handle ? reopenRegularFile(handle.get()) : UniqueFd();
+  UniqueFd file = handle ? reopenRegularFile(handle.get()) : UniqueFd();
+  // What is no regular file may be a link to one.
+  if (handle && !file && errno == EINVAL) file = root_.openRegularFile(path);
   std::optional<std::string> bytes = file ? readAll(file.get(), kMaxPlistFileBytes) : std::nullopt;
   if (!bytes) {
     note(errno);
@@ -120,6 +120,11 @@ PlistValue RegistryBundle::readManifest(DomainError* error) {
 PlistValue RegistryBundle::readEntitlements(const PlistValue& manifest) const {
   std::string_view executable = executableName(manifest);
   if (executable.empty()) return {};
+  // Most have none, which is seen at once.
+  int directory = deep_ ? executables_.get() : directory_.get();
+  std::string name = std::string(executable).append(kEntitlementsSuffix);
+  struct stat beside {};
+  if (::fstatat(directory, name.c_str(), &beside, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) return {};
   const std::string path = executableFolder() + "/" + std::string(executable);
   struct stat state {};
   if (!root_.stat(path, &state)) note(errno);
