@@ -29,6 +29,8 @@ void Transaction::readyPlugIns() {
   if (!complete) return;
   for (const auto& plugIn : accepted) {
     if (auto error = plugIn->enableForClient(*client_)) return failError(error->code, *error);
+    // Uninstalled meanwhile: its services may have been ended before this one was there.
+    if (!server().isInstalled(*plugIn)) server().removedPlugIns({plugIn->alproxy()});
   }
   done();
 }

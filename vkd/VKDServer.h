@@ -51,7 +51,8 @@ class VKDServer final : public VKDatabase, public VKDatabaseDelegate, public std
   // Queues a work item on the service queue. From any thread.
   void submitWork(std::function<void()> item) { mainQueue_->async(std::move(item)); }
 
-  // Ends what runs of them. On the registry's notification thread; waits for nothing.
+  // Ends what runs of them. On the registry's notification thread, and for a plug-in that was uninstalled while it was
+  // made ready on the service queue; waits for nothing.
   void removedPlugIns(const RegistryPlugInRecords& records) override;
 
   // How often the command line asked for more words. Nothing reads it.

@@ -36,6 +36,7 @@ void VKDatabase::pluginsWillUninstall(const RegistryPlugInRecords& records) {
       if (uuid) cache_.erase(*uuid);
     }
     ++removals_;
+    ++uninstalls_;
     delegate = delegate_.lock();
   });
   // Outside the queue, so that the delegate may look plug-ins up.

@@ -94,18 +94,25 @@ void VKDatabase::setDelegate(std::weak_ptr<VKDatabaseDelegate> delegate) {
 // --- Cache ----------------------------------------------------------------------------------------------------------
 
 std::shared_ptr<VKDPlugIn> VKDatabase::plugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record) {
+  return plugInForProxy(record, uninstalls_.load());
+}
+
+std::shared_ptr<VKDPlugIn> VKDatabase::plugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record,
+                                                      std::uint64_t uninstallsBefore) {
   return _sync->sync([&]() -> std::shared_ptr<VKDPlugIn> {
     const auto uuid = record->plugInUUID();
     const auto found = uuid ? cache_.find(*uuid) : cache_.end();
-    return found != cache_.end() ? found->second.plugIn : createPlugInForProxy(record);
+    return found != cache_.end() ? found->second.plugIn : createPlugInForProxy(record, uninstallsBefore);
   });
 }
 
-std::shared_ptr<VKDPlugIn> VKDatabase::createPlugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record) {
+std::shared_ptr<VKDPlugIn> VKDatabase::createPlugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record,
+                                                            std::uint64_t uninstallsBefore) {
   _sync->assertCurrent();
   auto plugIn = VKDPlugIn::initWithALData(record, surroundings_);
   if (plugIn == nullptr) return nullptr;
   if (plugIn->hasEntitlement(kVKEntitlementAutoElect)) autoElect(*plugIn);
+  if (uninstalls_.load() != uninstallsBefore && !isInstalled(*plugIn)) return plugIn;
   purgeCachesToLimit(cacheLimit());
   cache_.insert_or_assign(plugIn->uuid(), Cached{plugIn});
   return plugIn;
@@ -123,9 +130,10 @@ void VKDatabase::purgeCachesToLimit(std::int64_t limit) {
 // --- Lookup by query ------------------------------------------------------------------------------------------------
 
 std::optional<VKDPlugIns> VKDatabase::findPlugIns(const PlistValue& query) {
+  const std::uint64_t uninstallsBefore = uninstalls_.load();
   const auto records = recordsMatching(query);
   if (!records) return std::nullopt;
-  return plugInsForRecords(*records);
+  return plugInsForRecords(*records, uninstallsBefore);
 }
 
 std::optional<RegistryPlugInRecords> VKDatabase::recordsMatching(const PlistValue& query) {
@@ -153,8 +161,8 @@ std::optional<RegistryPlugInRecords> VKDatabase::recordsMatching(const PlistValu
 // What is cached is taken in one go: between two entries of `_sync` for two cached records nothing could happen that
 // the result shows, but thousands of entries cost more than all the rest. Each object that has to be made is made on an
 // entry of its own, since that reads files, and others want the queue meanwhile.
-VKDPlugIns VKDatabase::plugInsForRecords(const RegistryPlugInRecords& records) {
-  Batch batch{records};
+VKDPlugIns VKDatabase::plugInsForRecords(const RegistryPlugInRecords& records, std::uint64_t uninstallsBefore) {
+  Batch batch{records, uninstallsBefore};
   batch.result.reserve(records.size());
   std::size_t cacheBefore = 0, cacheNow = 0;
   std::uint64_t removalsBefore = 0;
@@ -171,7 +179,7 @@ VKDPlugIns VKDatabase::plugInsForRecords(const RegistryPlugInRecords& records) {
       removed = removals_ != removalsBefore;
     });
   } while (batch.next < records.size());
-  if (removed) eraseRepeated(batch.result);
+  if (removed || batch.mayRepeat) eraseRepeated(batch.result);
   VK_LOG(vk_ops(), Debug, "AL reported %u plug-ins (cache %u/%u)", batch.result.size(), cacheBefore, cacheNow);
   return std::move(batch.result);
 }
@@ -186,9 +194,14 @@ void VKDatabase::advance(Batch& batch) {
     if (!isServable(*record, known)) continue;
     if (found == cache_.end()) {
       made = true;
-      const auto plugIn = createPlugInForProxy(record);
+      const auto plugIn = createPlugInForProxy(record, batch.uninstallsBefore);
       if (plugIn == nullptr) continue;
       found = cache_.find(plugIn->uuid());
+      if (found == cache_.end()) {
+        batch.result.push_back(plugIn);
+        batch.mayRepeat = true;
+        continue;
+      }
     }
     if (std::exchange(found->second.batch, batch.number) != batch.number) batch.result.push_back(found->second.plugIn);
   }
@@ -225,7 +238,9 @@ void VKDatabase::eraseRepeated(VKDPlugIns& plugIns) {
 std::shared_ptr<VKDPlugIn> VKDatabase::findPlugIn(const UUID& uuid) {
   return _sync->sync([&]() -> std::shared_ptr<VKDPlugIn> {
     if (const auto found = cache_.find(uuid); found != cache_.end()) return found->second.plugIn;
-    if (const auto record = workspace_->plugInRecord(uuid)) return createPlugInForProxy(record);
+    if (const auto record = workspace_->plugInRecord(uuid)) {
+      return createPlugInForProxy(record, uninstalls_.load());
+    }
     VK_LOG(vk_ops(), Info, "Catalon cannot find plug-in with UUID:%{public}@", uuid);
     return nullptr;
   });
@@ -240,12 +255,13 @@ std::shared_ptr<VKDPlugIn> VKDatabase::findPlugInAtPath(const FileURL& url) {
 }
 
 std::optional<VKDPlugIns> VKDatabase::plugInsWithinApplication(const FileURL& url) {
+  const std::uint64_t uninstallsBefore = uninstalls_.load();
   const auto application = workspace_->appRecord(url);
   const auto records = application ? application->plugIns() : RegistryPlugInRecords();
   if (records.empty()) return std::nullopt;
   VKDPlugIns plugIns;
   for (const auto& record : records) {
-    if (auto plugIn = plugInForProxy(record)) plugIns.push_back(std::move(plugIn));
+    if (auto plugIn = plugInForProxy(record, uninstallsBefore)) plugIns.push_back(std::move(plugIn));
   }
   return plugIns;
 }

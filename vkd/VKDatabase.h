@@ -69,6 +69,8 @@ class VKDatabase : public AnnotationSource, protected RegistryObserver {
   // In the registry's order. Nothing, not an empty list, for an application without plug-ins.
   std::optional<VKDPlugIns> plugInsWithinApplication(const FileURL& url);
   std::shared_ptr<VKDPlugIn> plugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record);
+  // Whether the registry still has it.
+  bool isInstalled(const VKDPlugIn& plugIn) { return workspace_->plugInRecord(plugIn.uuid()) != nullptr; }
 
   // --- Registration: nothing on success, else VKErrorRegistry
   // ---------------------------------------------------------
@@ -106,20 +108,27 @@ class VKDatabase : public AnnotationSource, protected RegistryObserver {
   // The records of one query on their way to plug-ins.
   struct Batch {
     const RegistryPlugInRecords& records;
+    std::uint64_t uninstallsBefore = 0;
     std::size_t next = 0;
     std::uint64_t number = 0;
+    bool mayRepeat = false;  // some of its plug-ins are not marked as being in the result
     VKDPlugIns result{};
   };
   class ElectionFilter;
 
+  std::shared_ptr<VKDPlugIn> plugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record,
+                                            std::uint64_t uninstallsBefore);
   std::optional<RegistryPlugInRecords> recordsMatching(const PlistValue& query);
-  VKDPlugIns plugInsForRecords(const RegistryPlugInRecords& records);
+  VKDPlugIns plugInsForRecords(const RegistryPlugInRecords& records, std::uint64_t uninstallsBefore);
   static bool isServable(const RegistryPlugInRecord& record, bool known);
   static void eraseRepeated(VKDPlugIns& plugIns);
 
   // --- On `_sync` only -----------------------------------------------------------------------------------------------
 
-  std::shared_ptr<VKDPlugIn> createPlugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record);
+  // `uninstallsBefore` is how many there had been before the registry was asked for the record. When there were more
+  // since and it is of a plug-in that has gone, the object is not cached: nobody would ever take it out again.
+  std::shared_ptr<VKDPlugIn> createPlugInForProxy(const std::shared_ptr<RegistryPlugInRecord>& record,
+                                                  std::uint64_t uninstallsBefore);
   void purgeCachesToLimit(std::int64_t limit);
   void advance(Batch& batch);
   void autoElect(const VKDPlugIn& plugIn);
@@ -127,6 +136,7 @@ class VKDatabase : public AnnotationSource, protected RegistryObserver {
   VKDPlugIn::Surroundings surroundings_;
   std::shared_ptr<RegistryWorkspace> workspace_;
   std::atomic<std::uint32_t> cacheLimit_{0};
+  std::atomic<std::uint64_t> uninstalls_{0};  // the registry told us of; changed on `_sync`
   bool observing_ = false;
   std::shared_ptr<WorkQueue> _sync;
 

@@ -212,6 +212,7 @@ struct FakeSdks : ExtensionSdkRegistry {
 
 struct FakeServices {
   std::shared_ptr<FakeQueues> queues = std::make_shared<FakeQueues>();
+  std::shared_ptr<WorkQueueFactory> otherQueues;  // in place of these, when there
   std::shared_ptr<FakeFileSystem> files = std::make_shared<FakeFileSystem>();
   std::shared_ptr<FakeRegistry> registry = std::make_shared<FakeRegistry>();
   std::shared_ptr<FakeUsers> users = std::make_shared<FakeUsers>();
@@ -231,6 +232,7 @@ struct FakeServices {
   Services services() const {
     Services all;
     all.queues = queues;
+    if (otherQueues != nullptr) all.queues = otherQueues;
     all.files = files;
     all.registry = registry;
     all.users = users;
