@@ -14,8 +14,11 @@ constexpr int kGrowth = 1 << 20;
 
 }  // namespace
 
-// Each of these turns off the allocator's own adjustment, so all are set. One that is refused changes only the speed.
+// One heap for all threads, which seldom allocate at the same time: another one grows by a call to the system per page.
+// Each of the others turns off the allocator's own adjustment, so all are set. One that is refused changes only the
+// speed.
 void keepFreedMemory() {
+  ::mallopt(M_ARENA_MAX, 1);
   ::mallopt(M_MMAP_THRESHOLD, kLargestKeptBlock);
   ::mallopt(M_TRIM_THRESHOLD, kFreedMemoryKept);
   ::mallopt(M_TOP_PAD, kGrowth);
