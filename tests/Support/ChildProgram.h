@@ -57,6 +57,8 @@ class ChildProgram {
   explicit ChildProgram(const std::function<int()>& body) : pid_(::fork()) {
     if (pid_ == 0) ::_exit(body());
   }
+  // A child that was made otherwise.
+  explicit ChildProgram(pid_t pid) : pid_(pid) {}
   ~ChildProgram() { stop(); }
   ChildProgram(const ChildProgram&) = delete;
   ChildProgram& operator=(const ChildProgram&) = delete;

@@ -138,6 +138,7 @@ struct FakeDaemon {
     Services all = device.services();
     all.messages = messages;
     all.codeSigning = codeSigning;
+    if (device.otherCodeSigning != nullptr) all.codeSigning = device.otherCodeSigning;
     return all;
   }
   std::shared_ptr<VKDServer> make() { return VKDServer::initForServiceDatabase(services(), "test.service", "/store"); }

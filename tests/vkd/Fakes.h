@@ -212,7 +212,9 @@ struct FakeSdks : ExtensionSdkRegistry {
 
 struct FakeServices {
   std::shared_ptr<FakeQueues> queues = std::make_shared<FakeQueues>();
-  std::shared_ptr<WorkQueueFactory> otherQueues;  // in place of these, when there
+  // In place of the fakes, when there.
+  std::shared_ptr<WorkQueueFactory> otherQueues;
+  std::shared_ptr<CodeSigning> otherCodeSigning;
   std::shared_ptr<FakeFileSystem> files = std::make_shared<FakeFileSystem>();
   std::shared_ptr<FakeRegistry> registry = std::make_shared<FakeRegistry>();
   std::shared_ptr<FakeUsers> users = std::make_shared<FakeUsers>();
