@@ -1,6 +1,7 @@
 #include "vkd/VKDServer.h"
 
 #include <exception>
+#include <utility>
 
 #include "Vornik/VKLog.h"
 #include "platform/RunLoop.h"
@@ -26,6 +27,13 @@ void logTermination(int result) {
     default:
       VK_LOG(vk_ops(), Info, "jobd error attempting to terminate plug-ins: error=%d", result);
   }
+}
+
+// A service manager that answers twice is heard once.
+std::function<void(int)> heardOnce(void (*completion)(int)) {
+  return [completion, heard = std::make_shared<bool>(false)](int result) {
+    if (!std::exchange(*heard, true)) completion(result);
+  };
 }
 
 }  // namespace
@@ -88,7 +96,7 @@ void VKDServer::removedPlugIns(const RegistryPlugInRecords& records) {
     std::string version = record->bundleVersion();
     VK_LOG(vk_ops(), Debug, "requesting jobd termination of plug-in: %s(%s) %{public}@", identifier, version,
            record->plugInUUID());
-    services().serviceManager->removeExternalService(identifier, version, mainQueue_, logTermination);
+    services().serviceManager->removeExternalService(identifier, version, mainQueue_, heardOnce(logTermination));
   }
 }
 
