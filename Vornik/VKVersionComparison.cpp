@@ -41,7 +41,7 @@ std::weak_ordering compareVersionString(std::string_view version, std::string_vi
       version.remove_prefix(1);
       other.remove_prefix(1);
     }
-    if (order != 0) return order;
+    if (std::is_neq(order)) return order;
   }
   return !version.empty() <=> !other.empty();
 }

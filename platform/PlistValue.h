@@ -43,15 +43,15 @@ class PlistValue {
   class Entries;
 
   PlistValue() noexcept = default;
-  PlistValue(bool value) noexcept;  // NOLINT(google-explicit-constructor): values are written as literals
+  // NOLINTBEGIN(google-explicit-constructor): values are written as literals
+  PlistValue(bool value) noexcept;
   template <std::integral Int>
   requires(!std::same_as<Int, bool> && !std::same_as<Int, char>) PlistValue(Int value)
-  noexcept  // NOLINT(google-explicit-constructor)
-      : PlistValue(static_cast<std::uint64_t>(value), std::unsigned_integral<Int>) {}
-  PlistValue(double value) noexcept;                                             // NOLINT(google-explicit-constructor)
-  PlistValue(std::string_view value);                                            // NOLINT(google-explicit-constructor)
-  PlistValue(const std::string& value) : PlistValue(std::string_view(value)) {}  // NOLINT
-  PlistValue(const char* value) : PlistValue(std::string_view(value)) {}         // NOLINT
+  noexcept : PlistValue(static_cast<std::uint64_t>(value), std::unsigned_integral<Int>) {}
+  PlistValue(double value) noexcept;
+  PlistValue(std::string_view value);
+  PlistValue(const std::string& value) : PlistValue(std::string_view(value)) {}
+  PlistValue(const char* value) : PlistValue(std::string_view(value)) {}  // NOLINTEND(google-explicit-constructor)
   static PlistValue date(double secondsSince1970) noexcept;
   static PlistValue data(std::string_view bytes);
   // Strings and data that are a part of shared bytes, not copied.
