@@ -5,10 +5,12 @@
 // u8 how to cut, u8 what follows: even, the bytes as they are; odd, one request a record: u8 what for, u16 length, the
 // message. What for 0 to 3 takes the message's own envelope.
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <source_location>
 #include <thread>
 
 #include "platform/linux/EventLoop.h"
@@ -102,8 +104,10 @@ struct Expected {
   }
 };
 
-void require(bool holds) {
-  if (!holds) std::abort();
+void require(bool holds, std::source_location where = std::source_location::current()) {
+  if (holds) return;
+  std::fprintf(stderr, "not as it must be: line %u\n", static_cast<unsigned>(where.line()));
+  std::abort();
 }
 
 void sendInPieces(WireClient& client, std::string_view stream, std::uint8_t seed) {
