@@ -195,7 +195,8 @@ TEST_F(ClientsTest, WhatAsksForNothingTakesNoPlaceAmongTheWaitingRequests) {
 TEST_F(ClientsTest, AStormOfConnectionsPasses) {
   begin();
   {
-    const int each = full() ? 20'000 : 1'000;
+    // Together more than there may be at a time: a place that is not given back is missed.
+    const int each = full() ? 20'000 : 1'100;
     PoliteClient polite(root_);
     std::vector<std::thread> threads;
     for (unsigned kind = 0; kind < 4; ++kind) {

@@ -115,6 +115,8 @@ struct World {
   std::shared_ptr<FakeRecord> install(const char* name) {
     auto record = daemon.install(name);
     record->bundleId = "/" + std::string(name) + ".appex";
+    // Results may be sorted by it, and a seed is to take the same way again.
+    record->uuid = UUID::parse("00000000-0000-0000-0000-00000000000" + std::string(name));
     return record;
   }
 
