@@ -10,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
-#include <source_location>
 #include <thread>
 
 #include "platform/linux/EventLoop.h"
@@ -104,9 +103,9 @@ struct Expected {
   }
 };
 
-void require(bool holds, std::source_location where = std::source_location::current()) {
+void require(bool holds, const char* what) {
   if (holds) return;
-  std::fprintf(stderr, "not as it must be: line %u\n", static_cast<unsigned>(where.line()));
+  std::fprintf(stderr, "not so: %s\n", what);
   std::abort();
 }
 
@@ -127,24 +126,26 @@ void converse(const SocketDaemon& daemon, std::string stream, std::uint8_t seed)
     expected.replies.push_back(kLastId);
   }
   WireClient client(daemon.root);
-  require(client.connected());
+  require(client.connected(), "it lets everybody connect");
   sendInPieces(client, stream, seed);
   for (std::uint64_t id : expected.replies) {
     std::uint64_t answered = 0;
     auto reply = client.receive(&answered);
-    require(!client.timedOut());
+    require(!client.timedOut(), "a request is answered");
     if (!reply && expected.cutOff) return;
-    require(reply && answered == id && reply->isDictionary());
-    require((reply->getUnsigned(kVKMessageErrorCode) != 0) == (reply->getString(kVKMessageError) != nullptr));
+    require(reply.has_value(), "who keeps to the rules is not cut off");
+    require(answered == id && reply->isDictionary(), "replies come in order");
+    require((reply->getUnsigned(kVKMessageErrorCode) != 0) == (reply->getString(kVKMessageError) != nullptr),
+            "an error has its code and its text");
   }
-  if (expected.cutOff) require(!client.receive() && !client.timedOut());
+  if (expected.cutOff) require(!client.receive() && !client.timedOut(), "who breaks the rules is cut off");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const bool quiet = [] {
-    setLogSink([](const LogLine& line) { require(line.level != LogLevel::Fault); });
+    setLogSink([](const LogLine& line) { require(line.level != LogLevel::Fault, "no fault is logged"); });
     return true;
   }();
   static const SocketDaemon daemon;
@@ -153,6 +154,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (int i = 0; i < 20000 && !daemon.server->holds().empty(); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  require(daemon.server->holds().empty());
+  require(daemon.server->holds().empty(), "a client's holds end with it");
   return 0;
 }
