@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fuzz/Requests.h"
 #include "tests/vkd/FakeDaemon.h"
 #include "vkd/VKDServer.h"
 
@@ -14,11 +15,6 @@ using namespace vkd;
 using namespace vkd::testing;
 
 namespace {
-
-constexpr std::string_view kTypes[] = {kVKRequestAdd,      kVKRequestRemove,       kVKRequestBulk,
-                                       kVKRequestMatch,    kVKRequestReady,        kVKRequestAccess,
-                                       kVKRequestAnnotate, kVKRequestBulkAnnotate, kVKRequestLock};
-constexpr std::size_t kRecordHead = 3;
 
 // Plug-ins whose UUIDs and paths a request can name: 16 times 1, 2, 3.
 void furnish(FakeDaemon& daemon) {

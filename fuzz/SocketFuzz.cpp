@@ -12,6 +12,7 @@
 #include <random>
 #include <thread>
 
+#include "fuzz/Requests.h"
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/MessageService.h"
 #include "platform/linux/WorkQueue.h"
@@ -24,10 +25,6 @@ using namespace vkd::testing;
 
 namespace {
 
-constexpr std::string_view kTypes[] = {kVKRequestAdd,      kVKRequestRemove,       kVKRequestBulk,
-                                       kVKRequestMatch,    kVKRequestReady,        kVKRequestAccess,
-                                       kVKRequestAnnotate, kVKRequestBulkAnnotate, kVKRequestLock};
-constexpr std::size_t kRecordHead = 3;
 constexpr std::uint64_t kLastId = 0xfeed;
 constexpr std::size_t kLongestPiece = 40;
 
