@@ -6,7 +6,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -28,7 +31,11 @@ class WireClient {
     if (path.size() >= sizeof address.sun_path) return;
     std::memcpy(address.sun_path, path.data(), path.size());
     fd_ = UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) fd_.reset();
+    int result;
+    do {
+      result = ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) fd_.reset();
   }
   bool connected() const { return static_cast<bool>(fd_); }
   int fd() const { return fd_.get(); }
@@ -48,8 +55,7 @@ class WireClient {
   // False when the peer is gone, or takes nothing for as long as receive() would wait.
   bool sendBytes(std::string_view bytes) {
     while (!bytes.empty()) {
-      pollfd wait{fd_.get(), POLLOUT, 0};
-      if (::poll(&wait, 1, static_cast<int>(kPatience.count())) <= 0) return false;
+      if (!waitFor(POLLOUT)) return false;
       ssize_t sent = ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
       if (sent < 0) return false;
       bytes.remove_prefix(static_cast<std::size_t>(sent));
@@ -60,11 +66,9 @@ class WireClient {
   std::optional<Message> receive(std::uint64_t* id = nullptr) {
     FrameHeader header;
     while (buffer_.size() < kFrameHeaderBytes || !whole(header)) {
-      pollfd wait{fd_.get(), POLLIN, 0};
-      int ready = ::poll(&wait, 1, static_cast<int>(kPatience.count()));
-      timedOut_ = ready == 0;
+      timedOut_ = !waitFor(POLLIN);
       char bytes[65536];
-      ssize_t got = ready > 0 ? ::recv(fd_.get(), bytes, sizeof bytes, 0) : 0;
+      ssize_t got = timedOut_ ? 0 : ::recv(fd_.get(), bytes, sizeof bytes, 0);
       if (got <= 0) return std::nullopt;
       buffer_.append(bytes, static_cast<std::size_t>(got));
     }
@@ -83,6 +87,19 @@ class WireClient {
  private:
   static constexpr std::chrono::milliseconds kPatience{20'000};
 
+  // False when nothing came of it in time. A signal, as of a fuzzer's timer, is no reason to give up, nor to start
+  // anew.
+  bool waitFor(short events) const {
+    using Clock = std::chrono::steady_clock;
+    pollfd wait{fd_.get(), events, 0};
+    int ready;
+    const auto end = Clock::now() + kPatience;
+    do {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+      ready = ::poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+  }
   bool whole(FrameHeader& header) const {
     return header.decode(std::string_view(buffer_).substr(0, kFrameHeaderBytes)) == nullptr &&
            buffer_.size() >= kFrameHeaderBytes + header.length;
