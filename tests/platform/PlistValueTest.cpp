@@ -39,13 +39,12 @@ TEST(PlistValue, ChangingALevelLeavesTheOriginalAndSharesTheRest) {
 TEST(PlistValue, NumbersCompareAcrossTheirKindsAndTextsWithNothingElse) {
   EXPECT_EQ(PlistValue(true), PlistValue(1));
   EXPECT_EQ(PlistValue(1), PlistValue(1.0));
-  EXPECT_EQ(PlistValue(0), PlistValue(false));
+  EXPECT_EQ(PlistValue(0.0), PlistValue(false));
   EXPECT_NE(PlistValue("1"), PlistValue(1));
-  EXPECT_NE(PlistValue(-1), PlistValue(~std::uint64_t{0}));
+  EXPECT_NE(PlistValue(-1), PlistValue(UINT64_MAX));
   EXPECT_NE(PlistValue(INT64_MAX), PlistValue(INT64_MAX - 1));
   EXPECT_NE(PlistValue::data("a"), PlistValue("a"));
   EXPECT_NE(PlistValue::date(0), PlistValue(0));
-  EXPECT_TRUE(PlistValue(0.0).equals(false));
   EXPECT_FALSE(PlistValue("").equals(false));
 }
 
@@ -59,14 +58,6 @@ TEST(PlistValue, LookupsOfAnotherKindAnswerNothing) {
   EXPECT_EQ(value["large"].intValue(), INT64_MAX);
   EXPECT_EQ(PlistValue(-3.9).intValue(), -3);
   EXPECT_EQ(PlistValue(1e300).intValue(), INT64_MAX);
-}
-
-TEST(PlistValue, DictionariesSortAndTheLastOfEqualKeysCounts) {
-  PlistValue value = PlistValue::dictionary({{"b", 1}, {"a", 2}, {"b", 3}, {"c", PlistValue()}});
-  std::string keys;
-  for (auto [key, element] : value.entries()) keys += key;
-  EXPECT_EQ(keys, "ab");
-  EXPECT_EQ(value["b"], PlistValue(3));
 }
 
 TEST(PlistValue, GrowthWithoutEndIsRefused) {
@@ -112,19 +103,11 @@ TEST(PlistEncoding, EveryCutAndEveryWrongLengthIsAnError) {
 
 TEST(PlistEncoding, WrongOrderDepthAndKindsAreErrors) {
   using namespace std::string_literals;
-  std::string twice = "m\x10\0\0\0\2\0\0\0\1\0\0\0bT\1\0\0\0aT"s;
-  EXPECT_FALSE(decodePlist(SharedSlice::take(twice)));
-  std::swap(twice[13], twice[19]);
-  EXPECT_TRUE(decodePlist(SharedSlice::take(twice)));
   // Every order of two keys, wherever they begin to differ and however they end.
-  const std::vector<std::string> keys = {"",
-                                         "a",
-                                         "a\xff",
-                                         "common prefix",
-                                         "common prefix a",
-                                         "common prefix and more",
-                                         "common prefix \xff",
-                                         "commonPRefix"};
+  std::vector<std::string> keys;
+  for (const std::string prefix : {"", "common prefix", "commonPRefix"}) {
+    for (const char* end : {"", "a", "a\xff", " a", " and more", " \xff"}) keys.push_back(prefix + end);
+  }
   for (const std::string& first : keys) {
     for (const std::string& second : keys) {
       PlistEncoder encoder;
