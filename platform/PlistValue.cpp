@@ -96,13 +96,21 @@ PlistValue PlistValue::array(std::vector<PlistValue> elements) {
 }
 
 PlistValue PlistValue::dictionary(std::vector<std::pair<std::string, PlistValue>> entries) {
-  std::stable_sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<std::pair<PlistValue, PlistValue>> shared;
+  shared.reserve(entries.size());
+  for (auto& [key, value] : entries) shared.emplace_back(string(SharedSlice::take(std::move(key))), std::move(value));
+  return dictionarySharingKeys(std::move(shared));
+}
+
+PlistValue PlistValue::dictionarySharingKeys(std::vector<std::pair<PlistValue, PlistValue>> entries) {
+  const auto key = [](const auto& entry) { return entry.first.stringValue(); };
+  std::stable_sort(entries.begin(), entries.end(), [&](const auto& a, const auto& b) { return key(a) < key(b); });
   PlistBuilder builder;
   builder.items_.reserve(entries.size());
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    bool replaced = i + 1 < entries.size() && entries[i + 1].first == entries[i].first;
+    const bool replaced = i + 1 < entries.size() && key(entries[i + 1]) == key(entries[i]);
     if (replaced || !entries[i].second) continue;
-    builder.items_.push_back({PlistValue(entries[i].first), std::move(entries[i].second)});
+    builder.items_.push_back({std::move(entries[i].first), std::move(entries[i].second)});
   }
   return builder.take();
 }

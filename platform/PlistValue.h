@@ -61,6 +61,8 @@ class PlistValue {
   static PlistValue array(std::vector<PlistValue> elements);
   // Sorts; of entries with equal keys the last counts; entries whose value is nothing are left out.
   static PlistValue dictionary(std::vector<std::pair<std::string, PlistValue>> entries);
+  // The same with keys that are strings already: they are shared, not copied.
+  static PlistValue dictionarySharingKeys(std::vector<std::pair<PlistValue, PlistValue>> entries);
 
   PlistValue(const PlistValue& other) noexcept;
   PlistValue(PlistValue&& other) noexcept;

@@ -1,6 +1,7 @@
 // Property lists as files hold them: XML and binary form are read, XML is written.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -9,10 +10,16 @@
 
 namespace platform {
 
+// A binary file says once what it means in many places. Written out, it may be so many times as large as it is, so that
+// whoever brings a file pays for the work and the memory that it costs.
+inline constexpr std::uint64_t kPlistMaxGrowth = 16;
+// A file of at least so many bytes; a shorter one may grow as if it had them.
+inline constexpr std::uint64_t kPlistGrowthFloor = std::uint64_t{64} << 10;
+
 // Reads either form, told apart by the first bytes. Answers nothing and an error (PlistErrorDomain, code = byte offset,
 // text with what was wrong there) for bytes that are no property list, or one nested deeper than maxDepth or larger
-// than kPlistMaxBytes. Memory that runs out says nothing of the bytes: FileErrorDomain, ENOMEM. Any document type line
-// is accepted and not looked at. XML is UTF-8; of equal keys the last counts.
+// than kPlistMaxBytes or than kPlistMaxGrowth allows. Memory that runs out says nothing of the bytes: FileErrorDomain,
+// ENOMEM. Any document type line is accepted and not looked at. XML is UTF-8; of equal keys the last counts.
 PlistValue parsePropertyList(std::string_view bytes, DomainError* error = nullptr,
                              std::size_t maxDepth = kPlistMaxInputDepth);
 

@@ -9,7 +9,8 @@
 //              0x4n data   0x5n ASCII   0x6n UTF-16   0xAn array of references   0xDn references of keys, then values
 //
 // Objects may be referred to any number of times; each is read once, and each byte belongs to one of them at most, so
-// that the work is bounded by the size of the file.
+// that the work is bounded by the size of the file. What all of it amounts to when it is written out is bounded, too.
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "platform/PlistText.h"
+#include "platform/PropertyList.h"
 #include "platform/PropertyListReaders.h"
 
 namespace platform {
@@ -29,10 +31,14 @@ constexpr std::string_view kHeader = "bplist00";
 constexpr std::size_t kTrailerSize = 32;
 constexpr std::uint64_t kNumberMaxSize = 8;
 constexpr double kSecondsFrom1970To2001 = 978307200;
+constexpr const char* kTooLarge = "property list is too large when it is written out";
 
 class BinaryReader {
  public:
-  BinaryReader(std::string_view bytes, std::size_t maxDepth) : bytes_(bytes), maxDepth_(maxDepth) {}
+  BinaryReader(std::string_view bytes, std::size_t maxDepth)
+      : bytes_(bytes),
+        maxDepth_(maxDepth),
+        maxWritten_(kPlistMaxGrowth * std::max<std::uint64_t>(bytes.size(), kPlistGrowthFloor)) {}
   PlistValue read(DomainError* error);
 
  private:
@@ -69,6 +75,8 @@ class BinaryReader {
 
   std::string_view bytes_;
   std::size_t maxDepth_;
+  std::uint64_t maxWritten_;    // bytes, with all that is shared written out
+  std::uint64_t keyBytes_ = 0;  // of all dictionaries so far: what sorting them may cost
   std::uint64_t offsetSize_ = 0;
   std::uint64_t referenceSize_ = 0;
   std::uint64_t topObject_ = 0;
@@ -139,6 +147,10 @@ PlistValue BinaryReader::readObject(std::uint64_t index, std::size_t depth) {
     slot.value = readContent(object, depth);
   } catch (const std::length_error& tooMuch) {
     return fail(object.start, tooMuch.what());
+  }
+  if (slot.value.encodedSize() > maxWritten_) {
+    slot.value = PlistValue();
+    return fail(object.start, kTooLarge);
   }
   slot.isOpen = false;
   return slot.value;
@@ -289,17 +301,19 @@ PlistValue BinaryReader::readArray(const Object& object, std::size_t depth) {
 }
 
 PlistValue BinaryReader::readDictionary(const Object& object, std::size_t depth) {
-  std::vector<std::pair<std::string, PlistValue>> entries;
+  std::vector<std::pair<PlistValue, PlistValue>> entries;
   entries.reserve(object.count);
   for (std::uint64_t i = 0; i < object.count; ++i) {
-    const PlistValue key = readReference(object, i, depth + 1);
+    PlistValue key = readReference(object, i, depth + 1);
     if (!key) return {};
     if (!key.isString()) return fail(object.start, "a key that is no string");
+    keyBytes_ += key.stringValue().size();
+    if (keyBytes_ > maxWritten_) return fail(object.start, kTooLarge);
     PlistValue value = readReference(object, object.count + i, depth + 1);
     if (!value) return {};
-    entries.emplace_back(key.stringValue(), std::move(value));
+    entries.emplace_back(std::move(key), std::move(value));
   }
-  return PlistValue::dictionary(std::move(entries));
+  return PlistValue::dictionarySharingKeys(std::move(entries));
 }
 
 // The object that the reference at a position of the object's content means.

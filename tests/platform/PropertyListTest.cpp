@@ -240,6 +240,18 @@ TEST(BinaryPropertyList, SharedObjectsCannotHideDepthOrSize) {
   for (int i = 1; i < 40; ++i) doubling.push_back("\xA2"s + static_cast<char>(i) + static_cast<char>(i));
   doubling.push_back("\x09"s);
   EXPECT_NE(errorOf(binary(doubling)).find("too large"), std::string::npos);
+
+  // A long key is written out with each entry, in one dictionary as in many small ones.
+  constexpr std::size_t kEntries = 255;
+  const std::string key = "\x5F\x11"s + bigEndian(0xFFFF, 2) + std::string(0xFFFF, 'k'), count = "\x10\xFF"s;
+  const std::string one = "\xDF"s + count + std::string(kEntries, '\1') + std::string(kEntries, '\2');
+  EXPECT_NE(errorOf(binary({one, key, "\x09"s}, 3)).find("too large"), std::string::npos);
+  std::vector<std::string> many = {"\xAF\x10\xF0"s, key, "\x09"s};
+  while (many.size() < 3 + 0xF0) {
+    many.front() += static_cast<char>(many.size());
+    many.push_back("\xD1\x01\x02"s);
+  }
+  EXPECT_NE(errorOf(binary(many, 3)).find("too large"), std::string::npos);
 }
 
 TEST(BinaryPropertyList, OverlappingObjectsAreRefusedBeforeTheyCostTime) {
