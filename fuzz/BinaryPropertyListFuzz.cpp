@@ -1,17 +1,26 @@
-// Any bytes as the objects of a binary property list: what is read and can be written as XML reads back the same.
+// Any bytes as the objects of a binary property list: what is read and can be written as XML reads back the same, and
+// reading takes no more steps than the bytes allow, however the objects share each other.
 #include <cstdint>
 #include <cstdlib>
 
+#include "fuzz/Steps.h"
 #include "platform/PlistEncoding.h"
 #include "platform/PropertyList.h"
 
 using namespace platform;
+using namespace platform::testing;
+
+namespace {
+
+constexpr Steps kAByte{96, 300};
+
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // The header is given, so that no time is lost on guessing it.
   const std::string bytes = "bplist00" + std::string(reinterpret_cast<const char*>(data), size);
   DomainError error;
-  const PlistValue value = parsePropertyList(bytes, &error);
+  const PlistValue value = withinSteps(bytes.size(), kAByte, [&] { return parsePropertyList(bytes, &error); });
   if (!value) {
     if (error.code < 0 || static_cast<std::size_t>(error.code) > bytes.size() || !error.description) std::abort();
     return 0;

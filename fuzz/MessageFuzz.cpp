@@ -1,16 +1,24 @@
 // Any bytes as a wire message: what is read is written again to the same bytes, converts both ways, and describes
-// itself.
+// itself; reading takes no more steps than the bytes allow.
 #include <cstdint>
 #include <cstdlib>
 
+#include "fuzz/Steps.h"
 #include "platform/Message.h"
 
 using namespace platform;
+using namespace platform::testing;
+
+namespace {
+
+constexpr Steps kAByte{256, 300};
+
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   SharedSlice bytes = SharedSlice::take(std::string(reinterpret_cast<const char*>(data), size));
   DomainError error;
-  Message message = decodeMessage(bytes, &error);
+  Message message = withinSteps(size, kAByte, [&] { return decodeMessage(bytes, &error); });
   if (!message) {
     if (error.code < 0 || static_cast<std::size_t>(error.code) > size) std::abort();
     return 0;

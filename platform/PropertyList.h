@@ -14,7 +14,7 @@ namespace platform {
 // whoever brings a file pays for the work and the memory that it costs.
 inline constexpr std::uint64_t kPlistMaxGrowth = 16;
 // A file of at least so many bytes; a shorter one may grow as if it had them.
-inline constexpr std::uint64_t kPlistGrowthFloor = std::uint64_t{64} << 10;
+inline constexpr std::uint64_t kPlistGrowthFloor = std::uint64_t{4} << 10;
 
 // Reads either form, told apart by the first bytes. Answers nothing and an error (PlistErrorDomain, code = byte offset,
 // text with what was wrong there) for bytes that are no property list, or one nested deeper than maxDepth or larger
