@@ -115,7 +115,12 @@ void RegistryInventory::attachFolder(Application& application, const RegistryBun
   if (!place) return retry(RegistryUnit::Kind::Application, found.path());
   const std::string& path = *place;
   const Folder* taken = findFolder(path);
-  if (taken != nullptr && taken->application && taken->application != application.record) return;
+  if (taken != nullptr && taken->application && taken->application != application.record) {
+    contested_ = true;
+    std::string old = std::exchange(application.plugIns, {});
+    if (!old.empty() && old != path) detachFolder(old);
+    return;
+  }
   std::string old = std::exchange(application.plugIns, path);
   bool listed = isInApplicationFolder(found.path()) || application.links != 0;
   if (listed || findFolder(path) != nullptr) {
@@ -134,7 +139,9 @@ std::string RegistryInventory::applicationAround(const std::string& folderPath) 
   std::string path = nameOf(support) == kContentsFolder ? parentOf(support) : support;
   if (!path.ends_with(kApplicationEnding)) return {};
   RegistryBundle found(*context_->root, path);
-  return found.exists() && found.supportPath() == support ? path : std::string();
+  if (!found.exists() || found.supportPath() != support) return {};
+  // A link in its place leads to the application's folder: this one is none any more.
+  return context_->root->canonicalPath(folderPath).value_or(folderPath) == folderPath ? path : std::string();
 }
 
 RegistryInventory::Folder* RegistryInventory::findFolder(const std::string& path) {
@@ -199,6 +206,8 @@ void RegistryInventory::adoptFolder(const std::string& path) {
 
 // It is no application's any more.
 void RegistryInventory::detachFolder(const std::string& path) {
+  // Another application may wait for it.
+  if (!path.empty() && std::exchange(contested_, false)) note(RegistryUnit::Kind::Everything, {});
   Folder* folder = findFolder(path);
   if (folder == nullptr) return;
   folder->listed = path == systemFolder_.canonical;

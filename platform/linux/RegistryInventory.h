@@ -177,6 +177,7 @@ class RegistryInventory {
   std::uint32_t visit_ = 0;           // of a folder
   bool watchesBundles_ = false;       // not at the first look
   bool incomplete_ = false;           // something could not be looked at: nobody can say what is not wanted any more
+  bool contested_ = false;            // links lead several applications to one folder of plug-ins; the first has it
   Changes changes_;
 };
 
