@@ -18,18 +18,11 @@ namespace {
 
 // Plug-ins whose UUIDs and paths a request can name: 16 times 1, 2, 3.
 void furnish(FakeDaemon& daemon) {
-  auto app = std::make_shared<FakeAppRecord>();
-  app->url = FileURL{"/Applications/Host.app"};
-  daemon.device.files->directories[app->url.path] = 0755;
-  daemon.device.registry->apps[app->url.path] = app;
   for (std::uint8_t number = 1; number <= 3; ++number) {
     auto record = daemon.install(std::string(1, static_cast<char>('a' + number)));
     record->uuid->bytes.fill(number);
     record->rights = PlistBuilder().set(kVKEntitlementReplacePlugIn, "b").take();
-    daemon.device.files->directories[record->url->path] = 0755;
-    app->list.push_back(record);
   }
-  app->list.pop_back();
   daemon.device.preferences->exclusions = PlistValue::array({PlistBuilder().set("excluded", true).take()});
 }
 
@@ -56,7 +49,7 @@ void converse(FakeDaemon& daemon, std::string_view input) {
     check(clients[head % std::size(clients)].tell(std::move(request)));
   }
   for (FakeClient& client : clients) client.die();
-  if (!daemon.server->holds().empty() || daemon.messages->keepAlives != 0) std::abort();
+  if (!daemon.server->holds().empty() || daemon.device.messages->keepAlives != 0) std::abort();
 }
 
 }  // namespace

@@ -42,12 +42,10 @@ struct SocketDaemon {
       record->uuid->bytes.fill(number);
       device.files->directories[record->url->path] = 0755;
     }
-    auto codeSigning = std::make_shared<FakeCodeSigning>();
-    codeSigning->processes[::getpid()].path = "/Applications/Host.app/run";
+    device.codeSigning->processes[::getpid()].path = "/Applications/Host.app/run";
     Services services = device.services();
     services.queues = makeWorkQueues();
     services.messages = makeMessageService(EventLoop::create(), std::make_shared<const DeviceRoot>(root));
-    services.codeSigning = codeSigning;
     server = VKDServer::initForServiceDatabase(services, kVKServiceName, "/store");
     if (server == nullptr || !server->start()) std::abort();
   }

@@ -36,6 +36,13 @@ class CapturedLog {
   bool has(platform::LogLevel level, std::string_view category, std::string_view text) const {
     return count(level, category, text) > 0;
   }
+  // How many lines contain the text.
+  int count(std::string_view part) const {
+    std::lock_guard guard(mutex_);
+    return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const platform::LogLine& line) {
+      return line.text.find(part) != std::string::npos;
+    }));
+  }
   std::vector<platform::LogLine> lines() const {
     std::lock_guard guard(mutex_);
     return lines_;

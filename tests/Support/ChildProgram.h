@@ -7,13 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "tests/Support/Eventually.h"
 #include "tests/Support/ScratchRoot.h"
 
 namespace support {
@@ -26,16 +25,6 @@ inline std::filesystem::path installProgram(const ScratchRoot& scratch, const st
   std::filesystem::copy_file(program, path, std::filesystem::copy_options::overwrite_existing);
   std::filesystem::permissions(path, std::filesystem::perms(0755));
   return path;
-}
-
-// Waits until something holds, for at most ten seconds.
-inline bool eventually(const std::function<bool()>& holds) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!holds()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
 }
 
 // A child that runs a program, or code of the test, until it ends or this object does.

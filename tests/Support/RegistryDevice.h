@@ -1,17 +1,16 @@
 // Bundles on a scratch device, and a registry on it that tells what it tells its observers.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <functional>
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/PropertyList.h"
 #include "platform/linux/RegistryCatalon.h"
+#include "tests/Support/Eventually.h"
 #include "tests/Support/ScratchRoot.h"
 
 namespace support {
@@ -28,16 +27,6 @@ inline PlistValue plugInManifest(std::string_view identifier, std::string_view p
                            .set("ZoExtensionAttributes", PlistBuilder().set("Colour", "red").take())
                            .take();
   return PlistBuilder().set("KvBundleIdentifier", identifier).set("ZoExtension", section).take();
-}
-
-// Waits for what another thread is to do.
-inline bool eventually(const std::function<bool()>& condition) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
 }
 
 class RegistryDevice : public ScratchRoot {

@@ -18,6 +18,7 @@
 #include "platform/Message.h"
 #include "platform/linux/MessageFrame.h"
 #include "platform/linux/UniqueFd.h"
+#include "tests/Support/Values.h"
 
 namespace platform {
 
@@ -40,12 +41,7 @@ class WireClient {
   bool connected() const { return static_cast<bool>(fd_); }
   int fd() const { return fd_.get(); }
 
-  static Message request(std::string_view type) {
-    Message message = Message::dictionary();
-    message.set("request", type);
-    message.set("version", std::uint64_t{3});
-    return message;
-  }
+  static Message request(std::string_view type, support::Body body = {}) { return support::requestOf(type, body); }
   static std::string frame(const Message& message, std::uint64_t id, FrameType type = FrameType::Request) {
     SharedSlice payload = encodeMessage(message).flat();
     auto header = FrameHeader{static_cast<std::uint32_t>(payload.size()), type, id}.encoded();

@@ -4,16 +4,12 @@
 
 #include "Vornik/VKPlugInCore.h"
 #include "tests/Support/CapturedLog.h"
+#include "tests/Support/Values.h"
 
 namespace Vornik {
 namespace {
 
-using support::CapturedLog;
-
-PlistValue dictionary(std::vector<std::pair<std::string, PlistValue>> entries) {
-  return PlistValue::dictionary(std::move(entries));
-}
-PlistValue array(std::vector<PlistValue> elements) { return PlistValue::array(std::move(elements)); }
+using support::CapturedLog, support::dictionary, support::list;
 
 class FakeSdks : public ExtensionSdkRegistry {
  public:
@@ -38,9 +34,9 @@ class VKPlugInSDK : public testing::Test {
 };
 
 TEST_F(VKPlugInSDK, ThePlugInsOwnValuesWinAtEveryDepth) {
-  EXPECT_EQ(merge(dictionary({{"a", 1}, {"in", dictionary({{"b", 2}, {"c", 3}, {"list", array({1})}})}}),
-                  dictionary({{"x", 0}, {"in", dictionary({{"b", 4}, {"list", array({2})}})}})),
-            dictionary({{"a", 1}, {"x", 0}, {"in", dictionary({{"b", 4}, {"c", 3}, {"list", array({2})}})}}));
+  EXPECT_EQ(merge(dictionary({{"a", 1}, {"in", dictionary({{"b", 2}, {"c", 3}, {"list", list({1})}})}}),
+                  dictionary({{"x", 0}, {"in", dictionary({{"b", 4}, {"list", list({2})}})}})),
+            dictionary({{"a", 1}, {"x", 0}, {"in", dictionary({{"b", 4}, {"c", 3}, {"list", list({2})}})}}));
   EXPECT_EQ(merge(dictionary({{"a", dictionary({{"b", 1}})}}), dictionary({{"a", "text"}})),
             dictionary({{"a", "text"}}));
 }
@@ -60,9 +56,9 @@ TEST_F(VKPlugInSDK, SharedResourcesAreUnited) {
     std::sort(paths.begin(), paths.end());
     return testing::PrintToString(paths);
   };
-  EXPECT_EQ(united(array({"a", "b"}), array({"b", "c", "c"})), united(array({"a", "b", "c"}), array({})));
-  EXPECT_EQ(united(array({"a"}), "b"), united(array({}), array({"a", "b"})));
-  EXPECT_EQ(united(array({1, true, "1"}), array({1.0})), united(array({}), array({1.0, "1"})));
+  EXPECT_EQ(united(list({"a", "b"}), list({"b", "c", "c"})), united(list({"a", "b", "c"}), list({})));
+  EXPECT_EQ(united(list({"a"}), "b"), united(list({}), list({"a", "b"})));
+  EXPECT_EQ(united(list({1, true, "1"}), list({1.0})), united(list({}), list({1.0, "1"})));
   EXPECT_EQ(merge(dictionary({{"Shared", "a"}}), dictionary({})), dictionary({{"Shared", "a"}}));
 }
 

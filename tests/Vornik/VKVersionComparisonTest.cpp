@@ -22,19 +22,13 @@ TEST(VKVersionComparison, OrdersVersionsAsPeopleWriteThem) {
   }
 }
 
-TEST(VKVersionComparison, LeadingZerosDoNotCount) {
-  EXPECT_EQ(compareVersionString("1.01", "1.1"), std::weak_ordering::equivalent);
-  EXPECT_EQ(compareVersionString("0", "000"), std::weak_ordering::equivalent);
-  EXPECT_EQ(compareVersionString("1.01.2", "1.1.3"), std::weak_ordering::less);
-  EXPECT_EQ(compareVersionString("010", "9"), std::weak_ordering::greater);
-}
-
-TEST(VKVersionComparison, NumbersOfAnyLengthAreComparedExactly) {
-  std::string large(10000, '9');
-  std::string larger = "1" + std::string(10000, '0');
-  EXPECT_EQ(compareVersionString(large, larger), std::weak_ordering::less);
-  EXPECT_EQ(compareVersionString("18446744073709551616", "0"), std::weak_ordering::greater);
-  EXPECT_EQ(compareVersionString(large + ".1", large + ".2"), std::weak_ordering::less);
+TEST(VKVersionComparison, LeadingZerosDoNotCountAndNumbersOfAnyLengthAreExact) {
+  const std::string large(10000, '9'), larger = "1" + std::string(10000, '0');
+  const std::pair<std::string, std::string> equal[] = {{"1.01", "1.1"}, {"0", "000"}};
+  const std::pair<std::string, std::string> ascending[] = {
+      {"1.01.2", "1.1.3"}, {"9", "010"}, {large, larger}, {"0", "18446744073709551616"}, {large + ".1", large + ".2"}};
+  for (const auto& [a, b] : equal) EXPECT_EQ(compareVersionString(a, b), std::weak_ordering::equivalent) << a;
+  for (const auto& [a, b] : ascending) EXPECT_EQ(compareVersionString(a, b), std::weak_ordering::less) << a;
 }
 
 // Sorting and the choice among versions rely on an order that never contradicts itself.

@@ -8,85 +8,78 @@
 namespace vkd::testing {
 namespace {
 
-using Names = std::vector<std::string>;
 constexpr std::uint64_t kAllVersions = 0x1, kDuplicates = 0x4, kSystemOnly = 0x8, kEverything = 0x200;
 
 struct DiscoveryRequest : ::testing::Test {
   FakeDaemon daemon;
   FakeClient client = daemon.connect();
-  LogCapture log;
+  CapturedLog log;
 
-  // A plug-in of one version in an application of its own, so that several may have one identifier.
-  std::shared_ptr<FakeRecord> install(const std::string& identifier, const char* version = "1.0", double date = 0) {
-    auto record = daemon.install(identifier, PlistBuilder().set(kVKExtensionVersion, version).take());
-    record->url = FileURL{"/Applications/App" + record->uuid->text() + ".app/PlugIns/" + identifier + ".appex"};
-    record->date = date;
+  // Several may have one identifier, so each has a label of its own, and an application, which makes it easy to tell.
+  struct Copy {
+    const char* version = "1.0";
+    double date = 0;
+    bool system = false;
+  };
+  std::shared_ptr<FakeRecord> install(const std::string& label, const std::string& identifier, const Copy& copy) {
+    auto record = daemon.install(identifier, dictionary({{std::string(kVKExtensionVersion), copy.version}}));
+    const std::string folder = copy.system ? "/System/Library" : "/Applications/" + label + ".app";
+    record->url = FileURL{folder + "/PlugIns/" + label + ".appex"};
+    record->uuid = uuidOf(label);
+    record->date = copy.date;
+    record->system = copy.system;
+    if (copy.system) record->containing = nullptr;
     return record;
   }
-  std::shared_ptr<FakeRecord> installSystem(const std::string& identifier, const char* version = "1.0",
-                                            double date = 0) {
-    auto record = install(identifier, version, date);
-    record->url = FileURL{"/System/Library/PlugIns/" + record->uuid->text() + ".appex"};
-    record->containing = nullptr;
-    record->system = true;
-    return record;
-  }
-  void place(FakeRecord& record, std::string_view folder) {
-    record.url = FileURL{std::string(folder) + "/" + record.identifier + ".appex"};
+  std::shared_ptr<FakeRecord> install(const std::string& identifier) { return install(identifier, identifier, {}); }
+  void grant(FakeRecord& record, const PlistValue& replaced) {
+    record.rights = dictionary({{std::string(kVKEntitlementReplacePlugIn), replaced}});
   }
 
-  static PlistValue forms(const Message& reply) {
+  static PlistValue match(FakeClient by, std::uint64_t flags = 0, const Message& rules = {}) {
+    const Message reply = by.ask("match", {{"flags", flags}, {"rules", rules}});
     const Message* matches = reply.get("matches");
-    return matches != nullptr && matches->kind() == Message::Kind::Plist ? matches->toPlist() : PlistValue();
+    EXPECT_TRUE(matches != nullptr && matches->kind() == Message::Kind::Plist) << reply.description();
+    return matches != nullptr ? matches->toPlist() : PlistValue();
   }
-  // The UUIDs of the matches in order, by the names under which `names` knows them.
-  PlistValue match(std::uint64_t flags = 0, const Message& rules = {}) { return match(client, flags, rules); }
-  static PlistValue match(FakeClient& by, std::uint64_t flags = 0, const Message& rules = {}) {
-    return forms(by.ask("match", {{"flags", flags}, {"rules", rules}}));
+  static std::string label(const PlistValue& uuid) {
+    const auto parsed = UUID::parse(uuid.stringValue());
+    return parsed ? std::string(parsed->bytes.begin(), std::ranges::find(parsed->bytes, 0)) : "-";
   }
-  static Names identifiers(const PlistValue& list) { return column(list, "identifier"); }
-  static Names column(const PlistValue& list, std::string_view key) {
-    EXPECT_TRUE(list.isArray());
-    Names names;
-    for (const PlistValue& form : list.elements()) names.emplace_back(form[key].stringValue());
-    return names;
+  // The labels that a key of the forms tells, in order.
+  static std::string labels(const PlistValue& forms, std::string_view key = "uuid") {
+    EXPECT_TRUE(forms.isArray());
+    std::string text;
+    for (const PlistValue& form : forms.elements()) text += (text.empty() ? "" : " ") + label(form[key]);
+    return text;
   }
-  static Names uuidsOf(std::initializer_list<std::shared_ptr<FakeRecord>> records) {
-    Names names;
-    for (const auto& record : records) names.push_back(record->uuid->text());
-    return names;
-  }
+  std::string seen(std::uint64_t flags = 0) { return labels(match(client, flags)); }
 };
 
 TEST_F(DiscoveryRequest, SendsTheCompletedFormsInTheOrderOfAcceptance) {
   auto a = install("a"), b = install("b");
-  auto plugIn = daemon.server->findPlugIn(*b->uuid);
-  daemon.server->setAnnotationForPlugIn(PlistBuilder().set("election", 1).take(), *plugIn);
-  b->rights = PlistBuilder().set("right", true).take();
+  daemon.server->setAnnotationForPlugIn(dictionary({{"election", 1}}), *daemon.plugIn("b"));
+  b->rights = dictionary({{"right", true}});
   const Message reply = client.ask("match");
   std::vector<PlistValue> expected;
-  for (const auto& record : {a, b}) {
-    auto each = daemon.server->findPlugIn(*record->uuid);
-    std::optional<DomainError> error;
-    PlistBuilder form(each->exportForm(&error));
-    PlistValue annotation = daemon.server->annotationForPlugIn(*each);
-    form.set(kVKFormAnnotations, annotation ? annotation : PlistBuilder().take());
-    each->augmentForm(form);
+  for (const char* name : {"a", "b"}) {
+    auto plugIn = daemon.plugIn(name);
+    PlistBuilder form(plugIn->exportForm(nullptr));
+    const PlistValue annotation = daemon.annotation(name);
+    form.set(kVKFormAnnotations, annotation ? annotation : dictionary({}));
+    plugIn->augmentForm(form);
     expected.push_back(form.take());
   }
-  const PlistValue array = PlistValue::array(expected);
-  EXPECT_EQ(forms(reply), array);
   ASSERT_NE(reply.get("matches"), nullptr);
-  EXPECT_EQ(reply.get("matches")->as<Rope>()->flat().view(), encodePlist(array).flat().view());
+  EXPECT_EQ(reply.get("matches")->as<Rope>()->flat().view(), encodePlist(list(expected)).flat().view());
   EXPECT_TRUE(log.has(LogLevel::Info, "ops", "match returned 2 plug-ins"));
-  EXPECT_TRUE(log.has(LogLevel::Debug, "ops", "reply marshalled"));
-}
-
-TEST_F(DiscoveryRequest, AnswersAnEmptyListAndNoListInTheOldVersion) {
-  EXPECT_EQ(match(), PlistValue::array({}));
-  daemon.device.registry->installed = std::nullopt;
-  EXPECT_EQ(match(), PlistValue::array({}));
-  EXPECT_EQ(client.tell(messageOf({{"version", std::uint64_t{2}}, {"request", "match"}})), success());
+  const Message old = messageOf({{"version", std::uint64_t{2}}, {"request", "match"}});
+  EXPECT_EQ(client.tell(old), success()) << "the old version carries no property lists";
+  for (bool answers : {true, false}) {
+    daemon.device.registry->installed.emplace();
+    if (!answers) daemon.device.registry->installed = std::nullopt;
+    EXPECT_EQ(match(client), list({}));
+  }
 }
 
 TEST_F(DiscoveryRequest, RefusesMoreThanAMessageHoldsAndAnswersWhoAsksForLess) {
@@ -96,178 +89,125 @@ TEST_F(DiscoveryRequest, RefusesMoreThanAMessageHoldsAndAnswersWhoAsksForLess) {
   EXPECT_EQ(client.ask("match"), failure(4, "the matching plug-ins exceed the size of a message"));
   EXPECT_TRUE(log.has(LogLevel::Error, "ops", "client 77 asked for 16 plug-ins at once, more than a message can hold"));
   daemon.device.registry->installed->pop_back();
-  EXPECT_EQ(match().size(), 15U);
+  EXPECT_EQ(match(client).size(), 15U);
 }
 
-TEST_F(DiscoveryRequest, RefusesRulesThatAreNoDictionaryAndUnauthorizedFlags) {
-  EXPECT_EQ(client.ask("match", {{"rules", "x"}}), failure(4, "invalid request format (bad rules dictionary)"));
+TEST_F(DiscoveryRequest, ShowsEachClientWhatItMaySee) {
+  install("inside");
+  install("system", "system", {.system = true});
+  install("loose", "loose", {.system = true})->system = false;
+  auto dedicated = install("dedicated");
+  dedicated->changeSection(kVKDedicated, true);
+  dedicated->url = FileURL{pathOf("dedicated")};
+  auto held = install("held");
+  daemon.device.files->directories[held->url->path] = 0755;
+  install("excluded");
+  install("guarded")->changeSection(kVKExtensionHostEntitlement, "special");
+  install("broken")->changeSection(kVKExtensionAttributes, dictionary({}));
+  daemon.device.preferences->exclusions = list({5, dictionary({{std::string(kVKRuleIdentifier), "excluded"}})});
+  FakeClient manager = daemon.connectManager(), entitled = daemon.connect(5, dictionary({{"special", true}}));
+  daemon.device.codeSigning->processes[6].path = "/Applications/Other.app/run";
+  FakeClient other = daemon.connect(6), unknown = daemon.connect(std::make_shared<FakeConnection>(7));
+  client.tell(lockRequest({held->url->path}, 2));
+
+  const struct {
+    const char* who;
+    FakeClient client;
+    std::uint64_t flags;
+    const char* seen;
+  } cases[] = {
+      {"its application", client, 0, "inside system dedicated"},
+      {"its application", client, kSystemOnly, "system"},
+      {"another application", other, 0, "inside system"},
+      {"nobody knows who", unknown, 0, "inside system"},
+      {"entitled", entitled, 0, "inside system dedicated guarded"},
+      {"a manager", manager, 0, "inside system dedicated"},
+      {"a manager", manager, kEverything | kSystemOnly, "inside system loose dedicated held guarded"},
+  };
+  for (const auto& test : cases) EXPECT_EQ(labels(match(test.client, test.flags)), test.seen) << test.who;
+  EXPECT_EQ(labels(match(manager, kEverything, messageOf({{kVKRuleIdentifier, ">=i"}}))), "inside system loose");
+  daemon.server->unholdClient(*client.object());
+  EXPECT_EQ(seen(), "inside system dedicated held");
+
+  const std::string guarded = uuidOf("guarded").text();
+  EXPECT_GT(log.count("client 77 plugin " + uuidOf("excluded").text() + " globally excluded"), 0);
+  EXPECT_GT(log.count("client 77 cannot use plugin " + guarded + R"(: the host does not have the "special")"), 0);
+  EXPECT_GT(log.count("failed to export matching plug-in " + uuidOf("broken").text() + ": "), 0) << log;
   const Message refusal = failure(11, "unauthorized discovery flag (VKDiscoverAll)");
   EXPECT_EQ(client.ask("match", {{"flags", kEverything}}), refusal);
-  daemon.device.sandbox->sandboxed.insert(5);
-  EXPECT_EQ(daemon.connectManager(5).ask("match", {{"flags", kEverything}}), refusal);
-  EXPECT_EQ(daemon.connectManager(6).ask("match", {{"flags", kEverything}}).get("error"), nullptr);
+  daemon.device.sandbox->sandboxed.insert(FakeDaemon::kPid + 1);
+  EXPECT_EQ(manager.ask("match", {{"flags", kEverything}}), refusal);
 }
 
-TEST_F(DiscoveryRequest, LeavesOutWhatIsNeitherOfTheSystemNorInAnApplication) {
-  auto loose = installSystem("loose");
-  loose->system = false;
-  install("inside");
-  installSystem("system");
-  EXPECT_EQ(identifiers(match()), (Names{"inside", "system"}));
-  EXPECT_EQ(identifiers(match(kSystemOnly)), Names{"system"});
-  FakeClient manager = daemon.connectManager();
-  EXPECT_EQ(identifiers(match(manager, kEverything | kSystemOnly)), (Names{"loose", "inside", "system"}));
-}
-
-TEST_F(DiscoveryRequest, ShowsADedicatedPlugInToItsOwnApplicationOnly) {
-  auto record = install("dedicated");
-  record->changeSection(kVKDedicated, true);
-  place(*record, "/Applications/Host.app/PlugIns");
-  EXPECT_EQ(identifiers(match()), Names{"dedicated"});
-  daemon.codeSigning->processes[5].path = "/Applications/Other.app/run";
-  FakeClient other = daemon.connect(5);
-  EXPECT_EQ(identifiers(match(other)), Names{});
-  FakeClient unknown = daemon.connect(std::make_shared<FakeConnection>(6));
-  EXPECT_EQ(identifiers(match(unknown)), Names{});
-}
-
-TEST_F(DiscoveryRequest, HidesHeldPlugInsUntilTheyAreReleased) {
-  auto record = install("a");
-  install("b");
-  FakeClient manager = daemon.connectManager();
-  auto hold = VKDPlugInHold::initWithPlugInsForClient(daemon.messages, {daemon.server->findPlugIn(*record->uuid)},
-                                                      manager.object());
-  daemon.server->addHold(hold);
-  EXPECT_EQ(identifiers(match()), Names{"b"});
-  EXPECT_EQ(identifiers(match(manager, kEverything)), (Names{"a", "b"}));
-  daemon.server->unholdToken(hold->uuid());
-  EXPECT_EQ(identifiers(match()), (Names{"a", "b"}));
-}
-
-TEST_F(DiscoveryRequest, AppliesRulesAndExclusionsToEverybody) {
-  install("a");
-  auto excluded = install("b");
-  install("c");
-  FakeClient manager = daemon.connectManager();
-  daemon.device.preferences->exclusions =
-      PlistValue::array({PlistValue(5), PlistBuilder().set(kVKRuleIdentifier, "b").take()});
-  EXPECT_EQ(identifiers(match()), (Names{"a", "c"}));
-  EXPECT_TRUE(log.has(LogLevel::Debug, "ops", "client 77 plugin " + excluded->uuid->text() + " globally excluded"));
-  EXPECT_EQ(identifiers(match(manager, kEverything, messageOf({{kVKRuleIdentifier, ">=b"}}))), Names{"c"});
-}
-
-TEST_F(DiscoveryRequest, AppliesTheHostPolicyLast) {
-  auto record = install("a");
-  record->changeSection(kVKExtensionHostEntitlement, "special");
-  EXPECT_EQ(identifiers(match()), Names{});
-  EXPECT_TRUE(log.has(
-      LogLevel::Debug, "ops",
-      "client 77 cannot use plugin " + record->uuid->text() + R"(: the host does not have the "special" entitlement)"))
-      << log.all();
-  FakeClient manager = daemon.connectManager();
-  EXPECT_EQ(identifiers(match(manager, kEverything)), Names{"a"});
-  EXPECT_EQ(log.count("cannot use plugin"), 1);
-  EXPECT_EQ(identifiers(match(0, messageOf({{kVKRuleIdentifier, "z"}}))), Names{});
-  EXPECT_EQ(log.count("cannot use plugin"), 1) << "the rules come first";
-}
-
-TEST_F(DiscoveryRequest, LeavesOutWhatCannotBeExported) {
-  auto record = install("a");
-  record->setSection(
-      PlistBuilder(record->plugInDictionary()).set(kVKExtensionAttributes, PlistBuilder().take()).take());
-  install("b");
-  EXPECT_EQ(identifiers(match()), Names{"b"});
-  EXPECT_EQ(log.count("failed to export matching plug-in " + record->uuid->text() + ": "), 1) << log.all();
-}
-
-TEST_F(DiscoveryRequest, KeepsTheHighestVersionOfEachIdentifier) {
-  auto low = install("a", "1.9");
-  auto other = install("b");
-  auto high = install("a", "1.10");
-  auto lower = install("a", "1.2");
-  EXPECT_EQ(column(match(), "uuid"), uuidsOf({other, high}));
-  EXPECT_EQ(column(match(kDuplicates), "uuid"), uuidsOf({other, high})) << "means nothing by itself";
-  EXPECT_EQ(column(match(kAllVersions), "uuid"), uuidsOf({low, other, high, lower}));
+TEST_F(DiscoveryRequest, KeepsTheHighestVersionOfEachIdentifierOrEach) {
+  for (const char* version : {"1.9", "1.10", "1.2"}) install(std::string("a") + version, "a", {version});
+  install("b1", "b", {"1", 1});
+  install("b2", "b", {"2", 1});
+  install("b2.0late", "b", {"2.0", 2});
+  install("b01latest", "b", {"01", 3});
+  install("b1late", "b", {"1", 2});
+  EXPECT_EQ(seen(), "a1.10 b2.0late");
+  EXPECT_EQ(seen(kDuplicates), seen()) << "means nothing by itself";
+  EXPECT_EQ(seen(kAllVersions), "a1.9 a1.10 a1.2 b2 b2.0late b01latest") << "2 and 2.0 differ, 1 and 01 do not";
+  EXPECT_EQ(seen(kAllVersions | kDuplicates), "a1.9 a1.10 a1.2 b1 b2 b2.0late b01latest b1late");
 }
 
 TEST_F(DiscoveryRequest, ChoosesAmongCopiesOfOneVersion) {
-  struct Case {
+  constexpr bool kApplication = false, kSystem = true;
+  const struct {
     const char* what;
-    bool firstOfSystem, secondOfSystem;
-    double firstDate, secondDate;
-    bool secondWins;
+    Copy first, second;
+    const char* winner;
+  } cases[] = {
+      {"system copy after an application's", {"1", 9, kApplication}, {"1", 1, kSystem}, "second"},
+      {"application's copy, older, after the system's", {"1", 5, kSystem}, {"1", 4, kApplication}, "first"},
+      {"application's copy, later, after the system's", {"1", 4, kSystem}, {"1", 5, kApplication}, "second"},
+      {"later system copy after the system's", {"1", 4, kSystem}, {"1", 5, kSystem}, "second"},
+      {"earlier system copy after the system's", {"1", 5, kSystem}, {"1", 4, kSystem}, "first"},
+      {"later of two applications", {"1", 4, kApplication}, {"1", 5, kApplication}, "second"},
+      {"equal times", {"1", 5, kApplication}, {"1", 5, kApplication}, "first"},
   };
-  for (const Case& c : {
-           Case{"system copy after an application's", false, true, 9, 1, true},
-           Case{"application's copy, older, after the system's", true, false, 5, 4, false},
-           Case{"application's copy, later, after the system's", true, false, 4, 5, true},
-           Case{"later system copy after the system's", true, true, 4, 5, true},
-           Case{"earlier system copy after the system's", true, true, 5, 4, false},
-           Case{"later of two applications", false, false, 4, 5, true},
-           Case{"equal times", false, false, 5, 5, false},
-       }) {
-    daemon.device.registry->installed = RegistryPlugInRecords();
-    auto first = c.firstOfSystem ? installSystem("a", "1", c.firstDate) : install("a", "1", c.firstDate);
-    auto second = c.secondOfSystem ? installSystem("a", "1", c.secondDate) : install("a", "1", c.secondDate);
-    const Names winner = uuidsOf({c.secondWins ? second : first});
-    EXPECT_EQ(column(match(), "uuid"), winner) << c.what;
-    EXPECT_EQ(column(match(kAllVersions), "uuid"), winner) << c.what;
-    EXPECT_EQ(column(match(kAllVersions | kDuplicates), "uuid"), uuidsOf({first, second})) << c.what;
+  for (const auto& test : cases) {
+    daemon.device.registry->installed->clear();
+    daemon.server->setCacheLimit(0);
+    install("first", "a", test.first);
+    install("second", "a", test.second);
+    EXPECT_EQ(seen(), test.winner) << test.what;
+    EXPECT_EQ(seen(kAllVersions), test.winner) << test.what;
+    EXPECT_EQ(seen(kAllVersions | kDuplicates), "first second") << test.what;
   }
 }
 
-TEST_F(DiscoveryRequest, ComparesEachVersionWithItsOwnCopiesOnly) {
-  auto one = install("a", "1", 1);
-  auto two = install("a", "2", 1);
-  auto laterTwo = install("a", "2.0", 2);
-  auto latestOne = install("a", "01", 3);
-  auto laterOne = install("a", "1", 2);
-  EXPECT_EQ(column(match(kAllVersions), "uuid"), uuidsOf({two, laterTwo, latestOne}))
-      << "2 and 2.0 differ, 1 and 01 do not";
-  EXPECT_EQ(column(match(), "uuid"), uuidsOf({laterTwo}));
-  EXPECT_EQ(column(match(kAllVersions | kDuplicates), "uuid"), uuidsOf({one, two, laterTwo, latestOne, laterOne}));
-}
-
 TEST_F(DiscoveryRequest, LinksReplacementsWithWhatTheyReplace) {
-  auto replaced = install("old"), alsoReplaced = install("older");
-  auto replacing = install("new");
-  replacing->rights =
-      PlistBuilder().set(kVKEntitlementReplacePlugIn, PlistValue::array({PlistValue("old"), PlistValue(5)})).take();
-  auto self = install("self");
-  self->rights = PlistBuilder().set(kVKEntitlementReplacePlugIn, "self").take();
-  auto nobody = install("nobody");
-  nobody->rights = PlistBuilder().set(kVKEntitlementReplacePlugIn, true).take();
-  const PlistValue list = match();
-  EXPECT_EQ(column(list, "uuid"), uuidsOf({replaced, alsoReplaced, replacing, self, nobody}));
-  const std::string by = replacing->uuid->text(), own = self->uuid->text();
-  EXPECT_EQ(column(list, "overrider"), (Names{by, "", "", own, ""}));
-  EXPECT_EQ(column(list, "overriding"), (Names{"", "", "old", "self", ""}));
-  EXPECT_TRUE(log.has(LogLevel::Info, "ops", "plug-in " + by + " overrides " + replaced->uuid->text()));
-  EXPECT_EQ(list, encodePlist(list).size() != 0 ? decodePlist(encodePlist(list).flat()) : PlistValue());
-}
-
-TEST_F(DiscoveryRequest, KeepsTheClaimOfAReplacementThatLostToAHigherVersion) {
-  auto first = install("new", "1");
-  first->rights = PlistBuilder().set(kVKEntitlementReplacePlugIn, "old").take();
-  auto second = install("new", "2");
-  auto old = install("old");
-  const PlistValue list = match();
-  EXPECT_EQ(column(list, "uuid"), uuidsOf({second, old}));
-  EXPECT_EQ(column(list, "overrider"), (Names{"", first->uuid->text()}));
+  install("old");
+  install("older");
+  grant(*install("new"), list({"old", 5}));
+  grant(*install("self"), "self");
+  grant(*install("nobody"), true);
+  // One that lost to a higher version keeps its claim.
+  grant(*install("lost", "winner", {"1"}), "older");
+  install("winner", "winner", {"2"});
+  const PlistValue forms = match(client);
+  EXPECT_EQ(labels(forms), "old older new self nobody winner");
+  EXPECT_EQ(labels(forms, "overrider"), "new lost - self - -");
+  EXPECT_EQ(forms.at(2)["overriding"], PlistValue("old"));
+  EXPECT_EQ(forms.at(3)["overriding"], PlistValue("self"));
+  EXPECT_TRUE(log.has(LogLevel::Info, "ops", "plug-in " + uuidOf("new").text() + " overrides " + uuidOf("old").text()));
 }
 
 TEST_F(DiscoveryRequest, TellsWhichFilterDecided) {
-  auto kept = install("a", "2");
-  auto lost = install("a", "1");
-  auto refused = install("b");
+  install("kept", "a", {"2"});
+  install("lost", "a", {"1"});
+  install("b")->changeSection(kVKExtensionHostEntitlement, "special");
   client.object()->beginRequest();
-  Discovery discovery(*daemon.server, *client.object(), PlistBuilder().set(kVKRuleIdentifier, "a").take(), 0, 3);
-  EXPECT_TRUE(discovery.consider(daemon.server->findPlugIn(*kept->uuid)));
-  const Verdict byVersion = discovery.consider(daemon.server->findPlugIn(*lost->uuid));
+  const PlistValue rules = dictionary({{std::string(kVKRuleIdentifier), "a"}});
+  Discovery discovery(*daemon.server, *client.object(), rules, 0, 3);
+  EXPECT_TRUE(discovery.consider(daemon.plugIn("kept")));
+  const Verdict byVersion = discovery.consider(daemon.plugIn("lost"));
   EXPECT_EQ(byVersion.filter, Verdict::Filter::Version);
-  EXPECT_EQ(byVersion.uuid, *kept->uuid);
-  const Verdict byRules = discovery.consider(daemon.server->findPlugIn(*refused->uuid));
-  EXPECT_EQ(byRules.filter, Verdict::Filter::Rules);
+  EXPECT_EQ(byVersion.uuid, uuidOf("kept"));
+  const Verdict byRules = discovery.consider(daemon.plugIn("b"));
+  EXPECT_EQ(byRules.filter, Verdict::Filter::Rules) << "the host's entitlements are asked about last";
   EXPECT_EQ(byRules.key, kVKRuleIdentifier);
 }
 

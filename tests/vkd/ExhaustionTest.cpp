@@ -40,65 +40,44 @@ struct Scene {
 
   Scene() {
     b->rights = PlistBuilder().set(kVKEntitlementReplacePlugIn, "a").set(kVKEntitlementAutoElect, true).take();
-    daemon.device.files->directories[a->url->path] = 0755;
+  }
+  // Runs `body` with the n-th allocation failing; whether that one was reached.
+  template <class Body>
+  static bool runs(int n, const Body& body) {
+    allocationsLeft = n;
+    try {
+      body();
+    } catch (const std::bad_alloc&) {
+      // The platform's queues and connections end here, too.
+    }
+    return std::exchange(allocationsLeft, 0) == 0;
   }
 };
 
-using Make = Message (*)(const Scene&);
-
-Message annotations(const Scene& scene) {
-  return messageOf({{scene.a->uuid->text(), messageOf({{"setting", "a text that is not short"}})}});
-}
-
-const std::pair<const char*, Make> kRequests[] = {
-    {"match",
-     [](const Scene&) {
-       return requestOf("match", {{"rules", messageOf({{kVKRuleIdentifier, ">=a"}, {kVKRuleUserElection, "0"}})}});
-     }},
-    {"ready",
-     [](const Scene& s) {
-       return requestOf("ready", {{"uuids", uuids({s.a, s.b})}});
-     }},
-    {"access",
-     [](const Scene& s) {
-       return requestOf("access", {{"uuids", uuids({s.c, s.b})}});
-     }},
-    {"annotate",
-     [](const Scene& s) {
-       return requestOf("annotate", {{"uuids", uuids({s.a})}, {"annotations", messageOf({{"election", 1}})}});
-     }},
-    {"bulk-annotate",
-     [](const Scene& s) {
-       return requestOf("bulk-annotate", {{"annotations", annotations(s)}});
-     }},
-    {"add",
-     [](const Scene& s) {
-       return requestOf("add", {{"paths", paths({s.a->url->path})}});
-     }},
-    {"remove",
-     [](const Scene& s) {
-       return requestOf("remove", {{"paths", paths({s.a->url->path})}});
-     }},
-    {"lock",
-     [](const Scene& s) {
-       return requestOf("lock", {{"paths", paths({s.a->url->path})}, {"flags", std::uint64_t{2}}});
-     }},
-    {"nonsense", [](const Scene&) { return requestOf("a type that does not fit into a short text"); }},
+const std::string kText = "a text that is not short";
+const Message kLock = lockRequest({pathOf("a")}, 2);
+const Message kRules = messageOf({{kVKRuleIdentifier, ">=a"}, {kVKRuleUserElection, "0"}});
+const Message kSettings = messageOf({{uuidOf("a").text(), messageOf({{"setting", kText}})}});
+const Message kRequests[] = {
+    requestOf("match", {{"rules", kRules}}),
+    requestOf("ready", {{"uuids", uuids({"a", "b"})}}),
+    requestOf("access", {{"uuids", uuids({"c", "b"})}}),
+    annotateRequest({"a"}, election(1)),
+    requestOf("bulk-annotate", {{"annotations", kSettings}}),
+    requestOf("add", {{"paths", listOf({pathOf("a")})}}),
+    requestOf("remove", {{"paths", listOf({pathOf("a")})}}),
+    kLock,
+    requestOf(kText),
 };
 
 // Whether the n-th allocation was reached.
-bool survives(const Make& make, int n) {
+bool survives(Message request, int n) {
   Scene scene;
-  Message request = make(scene);
   FakeConnection& connection = *scene.client.connection;
-  allocationsLeft = n;
-  try {
+  const bool reached = Scene::runs(n, [&] {
     scene.client.deliver(std::move(request));
     scene.daemon.work();
-  } catch (const std::bad_alloc&) {
-    // The platform's queues and connections end here, too.
-  }
-  const bool reached = std::exchange(allocationsLeft, 0) == 0;
+  });
   EXPECT_TRUE(connection.sent.size() == 1 || (connection.sent.empty() && connection.cancelled)) << "allocation " << n;
   scene.daemon.work();
   // Who was told that his request failed holds nothing.
@@ -108,18 +87,29 @@ bool survives(const Make& make, int n) {
   EXPECT_EQ(scene.daemon.connect(9).ask("bulk"), success());
   scene.client.die();
   EXPECT_TRUE(scene.daemon.server->holds().empty());
-  EXPECT_EQ(scene.daemon.messages->keepAlives, 0);
-  EXPECT_FALSE(scene.daemon.server->holdOnPlugIn(*scene.daemon.server->findPlugIn(*scene.a->uuid)));
+  EXPECT_EQ(scene.daemon.device.messages->keepAlives, 0);
+  EXPECT_FALSE(scene.daemon.isHeld("a"));
   return reached;
 }
 
 TEST(Exhaustion, CostsOneReplyOrOneConnection) {
-  for (const auto& [name, make] : kRequests) {
-    SCOPED_TRACE(name);
+  for (const Message& request : kRequests) {
+    SCOPED_TRACE(request.description());
     // Loud, so that what is logged runs out of memory, too.
-    LogCapture log;
-    for (int n = 1; survives(make, n) && !HasFailure(); ++n) {
-    }
+    CapturedLog log;
+    for (int n = 1; survives(request, n) && !HasFailure(); ++n) continue;
+  }
+}
+
+TEST(Exhaustion, OfADyingClientReleasesItsHoldsAllTheSame) {
+  for (int n = 1, reached = 1; reached != 0 && !HasFailure(); ++n) {
+    Scene scene;
+    CapturedLog log;
+    for (int i = 0; i < 2; ++i) scene.client.tell(kLock);
+    reached = Scene::runs(n, [&] { scene.client.die(); }) ? 1 : 0;
+    EXPECT_TRUE(scene.daemon.server->holds().empty()) << "allocation " << n;
+    EXPECT_EQ(scene.daemon.device.messages->keepAlives, 0);
+    EXPECT_FALSE(scene.client.object()->acceptWork());
   }
 }
 
@@ -132,59 +122,24 @@ bool isNoneOr(const Value& answer, const Value& expected) {
   return static_cast<bool>(answer);
 }
 
-TEST(Exhaustion, OfADyingClientReleasesItsHoldsAllTheSame) {
-  for (int n = 1, reached = 1; reached != 0 && !HasFailure(); ++n) {
-    Scene scene;
-    LogCapture log;
-    for (int i = 0; i < 2; ++i) {
-      scene.client.ask("lock", {{"paths", paths({scene.a->url->path})}, {"flags", std::uint64_t{2}}});
-    }
-    Message gone = Message::error(ConnectionError::Invalid, "gone");
-    allocationsLeft = n;
-    try {
-      scene.client.deliver(std::move(gone));
-    } catch (const std::bad_alloc&) {
-    }
-    reached = std::exchange(allocationsLeft, 0) == 0 ? 1 : 0;
-    EXPECT_TRUE(scene.daemon.server->holds().empty()) << "allocation " << n;
-    EXPECT_EQ(scene.daemon.messages->keepAlives, 0);
-    EXPECT_FALSE(scene.client.object()->acceptWork());
-  }
-}
-
 TEST(Exhaustion, OfADecoderIsItsAnswerOrNone) {
-  const std::string text = "a text that is not short";
-  const PlistValue all = PlistValue::array({text, 1, PlistValue::data(text), PlistBuilder().set(text, true).take()});
-  const PlistValue value = PlistBuilder().set("key", all).take();
+  const PlistValue value =
+      dictionary({{"key", list({kText, 1, PlistValue::data(kText), dictionary({{kText, true}})})}});
+  const PlistValue pair = list({kText, kText});
   const std::string xml = serializePropertyListXML(value);
-  const std::string binary = "bplist00\xA2\x01\x01\x5F\x10\x18" + text + "\x08\x0B" + std::string(6, '\0') +
+  const std::string binary = "bplist00\xA2\x01\x01\x5F\x10\x18" + kText + "\x08\x0B" + std::string(6, '\0') +
                              std::string("\x01\x01\0\0\0\0\0\0\0\x02", 10) + std::string(15, '\0') + "\x26";
-  const SharedSlice encoded = encodePlist(value).flat();
-  Message message = messageOf({{"key", text}, {"more", messageOf({{text, std::int64_t{1}}})}});
-  const SharedSlice wire = encodeMessage(message).flat();
-  const struct {
-    const char* name;
-    std::function<bool()> isWhole;  // false: nothing was answered
-  } decoders[] = {
+  const SharedSlice encoded = encodePlist(value).flat(), wire = encodeMessage(kSettings).flat();
+  const std::pair<const char*, std::function<bool()>> decoders[] = {
       {"XML", [&] { return isNoneOr(parsePropertyList(xml), value); }},
-      {"binary",
-       [&] {
-         return isNoneOr(parsePropertyList(binary), PlistValue::array({text, text}));
-       }},
+      {"binary", [&] { return isNoneOr(parsePropertyList(binary), pair); }},
       {"encoding", [&] { return isNoneOr(decodePlist(encoded), value); }},
-      {"message", [&] { return isNoneOr(decodeMessage(wire), message); }},
+      {"message", [&] { return isNoneOr(decodeMessage(wire), kSettings); }},
   };
-  for (const auto& decoder : decoders) {
-    SCOPED_TRACE(decoder.name);
-    EXPECT_TRUE(decoder.isWhole());
-    for (int n = 1, reached = 1; reached != 0 && !HasFailure(); ++n) {
-      allocationsLeft = n;
-      try {
-        decoder.isWhole();
-      } catch (const std::bad_alloc&) {
-      }
-      reached = std::exchange(allocationsLeft, 0) == 0 ? 1 : 0;
-    }
+  for (const auto& [name, isWhole] : decoders) {
+    SCOPED_TRACE(name);
+    EXPECT_TRUE(isWhole());
+    for (int n = 1; Scene::runs(n, isWhole) && !HasFailure(); ++n) continue;
   }
 }
 

@@ -1,17 +1,14 @@
 // A whole daemon on services in memory, and clients that talk to it: connections hand in messages and keep the replies.
 //
 //   FakeDaemon daemon;
-//   auto plugIn = daemon.device.registry->add(FakeRecord::appex("a"));
+//   daemon.install("a");
 //   FakeClient client = daemon.connect();
-//   EXPECT_EQ(client.ask("ready", {{"uuids", uuids({plugIn})}}), success());
+//   EXPECT_EQ(client.ask("ready", {{"uuids", uuids({"a"})}}), success());
 #pragma once
 
 #include <functional>
 #include <initializer_list>
-#include <map>
 #include <memory>
-#include <optional>
-#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -20,8 +17,6 @@
 #include "Vornik/VKError.h"
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKProtocol.h"
-#include "platform/CodeSigningTask.h"
-#include "tests/Support/FakeMessages.h"
 #include "tests/vkd/Fakes.h"
 #include "vkd/VKDPlugInHold.h"
 #include "vkd/VKDServer.h"
@@ -31,69 +26,25 @@ namespace vkd::testing {
 
 using namespace Vornik;
 
-using support::FakeConnection;
-using support::FakeMessages;
-
-// By process id.
-struct FakeCodeSigning : CodeSigning {
-  struct Process {
-    std::optional<std::string> path;
-    PlistValue rights;
-    bool unreadable = false;
-    int looks = 0;
-  };
-  std::map<std::int32_t, Process> processes;
-
-  struct Task : CodeSigningTask {
-    explicit Task(Process& it) : process(it) {}
-    Process& process;
-    PlistValue entitlement(std::string_view name, std::optional<DomainError>* error) override {
-      return entitlements(error)[name];
-    }
-    PlistValue entitlements(std::optional<DomainError>* error) override {
-      ++process.looks;
-      if (!process.unreadable) return process.rights;
-      *error = DomainError{FileErrorDomain, 1, std::nullopt};
-      return {};
-    }
-  };
-  std::unique_ptr<CodeSigningTask> task(std::shared_ptr<AuditToken> token) override {
-    return std::make_unique<Task>(processes[token->pid()]);
-  }
-  std::optional<std::string> executablePath(std::int32_t pid) override { return processes[pid].path; }
-};
-
 // --- What is sent and what comes back --------------------------------------------------------------------------------
 
-using Body = std::initializer_list<std::pair<std::string_view, Message>>;
-
-inline Message messageOf(Body body) {
-  Message message = Message::dictionary();
-  for (const auto& [key, value] : body) message.set(key, value);
-  return message;
-}
-inline Message requestOf(std::string_view type, Body body = {}) {
-  Message message = messageOf(body);
-  message.set(kVKMessageRequest, type);
-  message.set(kVKMessageVersion, kVKProtocolVersion);
-  return message;
-}
 inline Message success() { return Message::dictionary(); }
 inline Message failure(std::uint64_t code, std::string_view text) {
   return messageOf({{kVKMessageErrorCode, code}, {kVKMessageError, text}});
 }
-inline Message paths(std::initializer_list<std::string_view> list) {
+// Of the plug-ins with these names.
+inline Message uuids(std::initializer_list<std::string_view> names) {
   Message array = Message::array();
-  for (std::string_view path : list) array.append(path);
+  for (std::string_view name : names) array.append(uuidOf(name));
   return array;
 }
-inline Message uuids(std::initializer_list<std::shared_ptr<FakeRecord>> list) {
-  Message array = Message::array();
-  for (const auto& record : list) array.append(*record->uuid);
-  return array;
+inline Message lockRequest(std::initializer_list<Message> paths, std::uint64_t flags) {
+  return requestOf("lock", {{"paths", listOf(paths)}, {"flags", flags}});
 }
-// Readable in failing tests.
-inline void PrintTo(const Message& message, std::ostream* out) { *out << message.description(); }
+inline Message annotateRequest(std::initializer_list<std::string_view> names, const Message& change) {
+  return requestOf("annotate", {{"uuids", uuids(names)}, {"annotations", change}});
+}
+inline Message election(std::int64_t number) { return messageOf({{kVKAnnotationElection, number}}); }
 
 // --- The daemon and its clients --------------------------------------------------------------------------------------
 
@@ -114,16 +65,16 @@ struct FakeClient {
 
 struct FakeDaemon {
   static constexpr std::int32_t kPid = 77;
+  using Exchange = std::function<void(Services&)>;
 
   FakeServices device;
-  std::shared_ptr<FakeMessages> messages = std::make_shared<FakeMessages>();
-  std::shared_ptr<FakeCodeSigning> codeSigning = std::make_shared<FakeCodeSigning>();
+  Exchange exchange;
   std::shared_ptr<VKDServer> server;
   std::vector<std::shared_ptr<FakeConnection>> connections;
 
-  // `prepare` may exchange services before the server is made.
-  explicit FakeDaemon(const std::function<void(FakeServices&)>& prepare = {}) {
-    if (prepare) prepare(device);
+  // `others` may put other services in the place of fakes.
+  explicit FakeDaemon(Exchange others = [](Services&) {}) : exchange(std::move(others)) {
+    device.files->directories[kHostApp.path] = 0755;
     server = make();
     server->setCacheLimit(1000);
     server->start();
@@ -134,28 +85,25 @@ struct FakeDaemon {
   FakeDaemon(const FakeDaemon&) = delete;
   FakeDaemon& operator=(const FakeDaemon&) = delete;
 
-  Services services() const {
-    Services all = device.services();
-    all.messages = messages;
-    all.codeSigning = codeSigning;
-    if (device.otherCodeSigning != nullptr) all.codeSigning = device.otherCodeSigning;
-    return all;
+  std::shared_ptr<VKDServer> make(const std::optional<std::string>& database = "/store") const {
+    Services services = device.services();
+    exchange(services);
+    return VKDServer::initForServiceDatabase(services, "test.service", database);
   }
-  std::shared_ptr<VKDServer> make() { return VKDServer::initForServiceDatabase(services(), "test.service", "/store"); }
 
   FakeClient connect(std::int32_t pid = kPid, const PlistValue& rights = {}) {
-    auto& process = codeSigning->processes[pid];
+    auto& process = device.codeSigning->processes[pid];
     process.rights = rights;
-    if (!process.path) process.path = "/Applications/Host.app/run";
+    if (!process.path) process.path = kHostApp.path + "/run";
     return connect(std::make_shared<FakeConnection>(pid));
   }
   FakeClient connect(const std::shared_ptr<FakeConnection>& connection) {
     connections.push_back(connection);
-    messages->listener->handler(connection);
+    device.messages->listener->handler(connection);
     return FakeClient{*this, connection};
   }
   FakeClient connectManager(std::int32_t pid = kPid + 1) {
-    return connect(pid, PlistBuilder().set(kVKEntitlementManager, true).take());
+    return connect(pid, dictionary({{std::string(kVKEntitlementManager), true}}));
   }
   static void disconnect(FakeConnection& connection) {
     connection.handler = nullptr;
@@ -163,8 +111,13 @@ struct FakeDaemon {
   }
   void work() { device.queues->named("service").drain(); }
   std::shared_ptr<FakeRecord> install(std::string identifier, const PlistValue& attributes = {}) {
-    return device.registry->add(FakeRecord::appex(std::move(identifier), attributes));
+    auto record = FakeRecord::appex(std::move(identifier), attributes);
+    device.files->directories[record->url->path] = 0755;
+    return device.registry->add(record);
   }
+  std::shared_ptr<VKDPlugIn> plugIn(std::string_view name) { return server->findPlugIn(uuidOf(name)); }
+  bool isHeld(std::string_view name) { return server->holdOnPlugIn(*plugIn(name)); }
+  PlistValue annotation(std::string_view name) { return server->annotationForPlugIn(*plugIn(name)); }
 };
 
 inline Message FakeClient::tell(Message request) {

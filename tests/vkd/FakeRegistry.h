@@ -1,9 +1,8 @@
 // An application registry in memory: records are plain structures, and every question that is asked is counted.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
-#include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,13 +11,24 @@
 
 #include "Vornik/VKKeys.h"
 #include "platform/Registry.h"
+#include "tests/vkd/Asked.h"
 
 namespace vkd::testing {
 
 using namespace platform;
 
+inline const FileURL kHostApp{"/Applications/Host.app"};
+
+// What a record of this name has unless a test gives it something else.
+inline std::string pathOf(std::string_view name) { return kHostApp.path + "/PlugIns/" + std::string(name) + ".appex"; }
+inline UUID uuidOf(std::string_view name) {
+  UUID uuid{};
+  std::copy_n(name.begin(), std::min(name.size(), uuid.bytes.size()), uuid.bytes.begin());
+  return uuid;
+}
+
 struct FakeBundleRecord : RegistryBundleRecord {
-  FileURL url;
+  FileURL url = kHostApp;
   std::optional<std::string> name;
   bool application = true, placeholder = false;
 
@@ -31,7 +41,7 @@ struct FakeBundleRecord : RegistryBundleRecord {
 struct FakeRecord : RegistryPlugInRecord {
   std::optional<FileURL> url;
   std::string identifier, original, bundleId = "bundle", bundleVersionText = "1";
-  std::optional<UUID> uuid = UUID::random();
+  std::optional<UUID> uuid;
   PlistValue manifest, rights;
   double date = 0;
   bool system = false;
@@ -43,24 +53,18 @@ struct FakeRecord : RegistryPlugInRecord {
   // A good application extension inside /Applications/Host.app; `attributes` complete its own.
   static std::shared_ptr<FakeRecord> appex(std::string identifier, const PlistValue& attributes = {}) {
     auto record = std::make_shared<FakeRecord>();
-    record->identifier = identifier;
-    record->original = identifier;
-    record->url = FileURL{"/Applications/Host.app/PlugIns/" + identifier + ".appex"};
-    PlistValue all = PlistBuilder(attributes).set(Vornik::kVKExtensionPointIdentifier, "test.point").take();
-    if (!all.contains(Vornik::kVKExtensionVersion)) {
-      all = PlistBuilder(all).set(Vornik::kVKExtensionVersion, "1.0").take();
-    }
-    record->setSection(PlistBuilder()
-                           .set(Vornik::kVKExtensionAttributes, all)
-                           .set(Vornik::kVKExtensionPointIdentifier, "test.point")
-                           .take());
+    record->identifier = record->original = identifier;
+    record->url = FileURL{pathOf(identifier)};
+    record->uuid = uuidOf(identifier);
+    PlistBuilder all(attributes);
+    all.set(Vornik::kVKExtensionPointIdentifier, "test.point");
+    if (!attributes[Vornik::kVKExtensionVersion]) all.set(Vornik::kVKExtensionVersion, "1.0");
+    record->changeSection(Vornik::kVKExtensionAttributes, all.take());
+    record->changeSection(Vornik::kVKExtensionPointIdentifier, "test.point");
     record->containing = std::make_shared<FakeBundleRecord>();
-    record->containing->url = FileURL{"/Applications/Host.app"};
     return record;
   }
-  void setSection(const PlistValue& section, std::string_view under = Vornik::kVKExtension) {
-    manifest = compactPlist(PlistBuilder(manifest).set(under, section).take());
-  }
+  void setSection(const PlistValue& section) { changeManifest(Vornik::kVKExtension, section); }
   void changeSection(std::string_view key, const PlistValue& value) {
     setSection(PlistBuilder(plugInDictionary()).set(key, value).take());
   }
@@ -81,15 +85,8 @@ struct FakeRecord : RegistryPlugInRecord {
   PlistValue entitlements() const override { return rights; }
   PlistValue infoDictionary() const override { return manifest; }
   PlistValue objectForKey(std::string_view key, Scope scope) const override {
-    switch (scope) {
-      case Scope::Attributes:
-        return plugInDictionary()[Vornik::kVKExtensionAttributes][key];
-      case Scope::PlugIn:
-        return plugInDictionary()[key];
-      case Scope::Manifest:
-        return manifest[key];
-    }
-    return {};
+    if (scope == Scope::Manifest) return manifest[key];
+    return (scope == Scope::PlugIn ? plugInDictionary() : plugInDictionary()[Vornik::kVKExtensionAttributes])[key];
   }
   double registrationDate() const override { return date; }
   bool onSystemPartition() const override { return system; }
@@ -101,18 +98,18 @@ struct FakeRecord : RegistryPlugInRecord {
 
 struct FakeAppRecord : RegistryAppRecord {
   FileURL url;
-  bool placeholder = false;
   RegistryPlugInRecords list;
 
   FileURL bundleURL() const override { return url; }
   std::optional<std::string> localizedName() const override { return std::nullopt; }
-  bool isPlaceholder() const override { return placeholder; }
+  bool isPlaceholder() const override { return false; }
   RegistryPlugInRecords plugIns() const override { return list; }
 };
 
+// What it answers was so when it looked: the test's hook runs after that.
 struct FakeRegistry : RegistryWorkspace {
+  Asked asked;
   std::optional<RegistryPlugInRecords> installed = RegistryPlugInRecords();
-  std::map<std::string, std::shared_ptr<FakeAppRecord>> apps;
   bool accepts = true;  // registrations
   std::vector<std::string> registered, unregistered;
   int cacheClears = 0, uuidLookups = 0;
@@ -122,8 +119,10 @@ struct FakeRegistry : RegistryWorkspace {
     installed->push_back(record);
     return record;
   }
+  // As the real one: lookups see it at once, observers are told later.
   void uninstall(const std::shared_ptr<FakeRecord>& record) {
     std::erase(*installed, std::shared_ptr<RegistryPlugInRecord>(record));
+    asked();
     if (observer != nullptr) observer->pluginsWillUninstall({record});
   }
 
@@ -131,16 +130,14 @@ struct FakeRegistry : RegistryWorkspace {
   void removeObserver(RegistryObserver* removed) override {
     if (observer == removed) observer = nullptr;
   }
-  std::optional<RegistryPlugInRecords> installedPlugIns() override { return installed; }
+  std::optional<RegistryPlugInRecords> installedPlugIns() override { return asked.then(installed); }
   std::optional<RegistryPlugInRecords> plugInsMatching(const PlistValue&, const Filter& filter) override {
-    if (!installed) return std::nullopt;
-    RegistryPlugInRecords kept;
-    for (const auto& record : *installed) {
-      if (filter(record->plugInIdentifier(), record->entitlements())) kept.push_back(record);
-    }
-    return kept;
+    auto now = installed;  // somebody may change it while the filter runs
+    if (!now) return now;
+    std::erase_if(*now, [&](const auto& it) { return !filter(it->plugInIdentifier(), it->entitlements()); });
+    return asked.then(now);
   }
-  bool registerPlugIn(const FileURL& url) override { return registered.push_back(url.path), accepts; }
+  bool registerPlugIn(const FileURL& url) override { return asked(), registered.push_back(url.path), accepts; }
   bool unregisterPlugIn(const FileURL& url) override { return unregistered.push_back(url.path), accepts; }
   void clearSchemaCaches() override { ++cacheClears; }
   std::shared_ptr<RegistryPlugInRecord> plugInRecord(const UUID& uuid) override {
@@ -150,18 +147,22 @@ struct FakeRegistry : RegistryWorkspace {
   std::shared_ptr<RegistryPlugInRecord> plugInRecord(const FileURL& bundleURL) override {
     return find([&](const RegistryPlugInRecord& record) { return record.bundleURL() == bundleURL; });
   }
+  // Host.app is always there, others while they contain a plug-in.
   std::shared_ptr<RegistryAppRecord> appRecord(const FileURL& bundleURL) override {
-    auto found = apps.find(bundleURL.path);
-    return found == apps.end() ? nullptr : found->second;
+    auto app = std::make_shared<FakeAppRecord>();
+    app->url = bundleURL;
+    for (const auto& record : *installed) {
+      const auto bundle = record->containingBundle();
+      if (bundle != nullptr && bundle->bundleURL() == bundleURL) app->list.push_back(record);
+    }
+    return asked.then(app->list.empty() && bundleURL != kHostApp ? nullptr : app);
   }
 
  private:
   template <class Test>
   std::shared_ptr<RegistryPlugInRecord> find(const Test& test) const {
-    for (const auto& record : *installed) {
-      if (test(*record)) return record;
-    }
-    return nullptr;
+    const auto found = std::ranges::find_if(*installed, [&](const auto& record) { return test(*record); });
+    return asked.then(found == installed->end() ? nullptr : *found);
   }
 };
 

@@ -11,135 +11,97 @@ constexpr std::uint64_t kApplications = 1, kPlugIns = 2;
 struct Holds : ::testing::Test {
   FakeDaemon daemon;
   std::shared_ptr<FakeRecord> a = daemon.install("a"), b = daemon.install("b");
-  FakeClient client = daemon.connect();
-  LogCapture log;
+  FakeClient client = daemon.connect(), other = daemon.connect(5);
+  CapturedLog log;
 
-  Holds() {
-    for (const char* path : {"/Applications/Host.app", "/Applications/Empty.app", "/elsewhere"}) exists(path);
-    for (const auto& record : {a, b}) exists(record->url->path);
-    auto app = std::make_shared<FakeAppRecord>();
-    app->url = FileURL{"/Applications/Host.app"};
-    app->list = {a, b};
-    daemon.device.registry->apps[app->url.path] = app;
+  // The token that was granted.
+  static UUID lock(FakeClient by, std::initializer_list<Message> paths, std::uint64_t flags = kPlugIns) {
+    const Message granted = by.tell(lockRequest(paths, flags));
+    const Message* token = granted.get("uuids");
+    EXPECT_TRUE(token != nullptr && token->as<UUID>() != nullptr) << granted.description();
+    return token != nullptr && token->as<UUID>() != nullptr ? *token->as<UUID>() : UUID();
   }
-  void exists(const std::string& path) { daemon.device.files->directories[path] = 0755; }
-  void makeBusy(std::string_view bundleIdentifier) {
-    for (const auto& record : {a, b}) record->changeManifest(kVKBundleIdentifier, bundleIdentifier);
-    daemon.device.assertions->instances = {messageOf({{kAssurdBundleIdentifierKey, bundleIdentifier}})};
+  static Message release(FakeClient by, std::initializer_list<Message> tokens) {
+    return by.ask("lock", {{"uuids", listOf(tokens)}});
   }
-  Message lock(FakeClient& by, std::initializer_list<std::string_view> list, std::uint64_t flags) {
-    return by.ask("lock", {{"paths", paths(list)}, {"flags", flags}});
-  }
-  Message release(const Message& tokens) { return client.ask("lock", {{"uuids", tokens}}); }
-  static UUID token(const Message& granted) {
-    const Message* value = granted.get("uuids");
-    return value != nullptr && value->as<UUID>() != nullptr ? *value->as<UUID>() : UUID();
-  }
-  static Message list(std::initializer_list<Message> elements) { return Message::Array(elements); }
-  bool isHeld(const std::shared_ptr<FakeRecord>& record) {
-    return daemon.server->holdOnPlugIn(*daemon.server->findPlugIn(*record->uuid));
+  std::string held() {
+    std::string names;
+    for (const char* name : {"a", "b"}) names += daemon.isHeld(name) ? name : "";
+    return names;
   }
   std::size_t announcements() const { return daemon.device.notifier->posts.size(); }
 };
 
 TEST_F(Holds, HoldsEveryPlugInOfAnApplicationUntilTheTokenIsGivenBack) {
-  const Message granted = lock(client, {"/Applications/Host.app"}, kApplications);
-  const UUID held = token(granted);
-  EXPECT_EQ(granted, messageOf({{"uuids", held}}));
-  EXPECT_TRUE(log.has(LogLevel::Debug, "ops", "hold request granted uuid:" + held.text()));
-  EXPECT_TRUE(isHeld(a) && isHeld(b));
-  EXPECT_EQ(daemon.messages->keepAlives, 1);
+  const UUID token = lock(client, {kHostApp.path}, kApplications);
+  EXPECT_TRUE(log.has(LogLevel::Debug, "ops", "hold request granted uuid:" + token.text()));
+  EXPECT_EQ(held(), "ab");
+  EXPECT_EQ(daemon.device.messages->keepAlives, 1);
   EXPECT_EQ(announcements(), 1U);
 
   // Tokens that are none and tokens of nobody do no harm; anybody may release.
-  FakeClient other = daemon.connect(5);
-  EXPECT_EQ(other.ask("lock", {{"uuids", list({5, UUID::random(), held, held})}}), success());
-  EXPECT_FALSE(isHeld(a) || isHeld(b));
-  EXPECT_EQ(daemon.messages->keepAlives, 0);
+  EXPECT_EQ(release(other, {5, UUID::random(), token, token}), success());
+  EXPECT_EQ(held(), "");
+  EXPECT_EQ(daemon.device.messages->keepAlives, 0);
   EXPECT_EQ(announcements(), 2U);
-  EXPECT_EQ(log.count("releasing plug-in hold " + held.text() + " at client's request"), 1);
-  EXPECT_EQ(release(list({held})), success());
+  EXPECT_EQ(log.count("releasing plug-in hold " + token.text() + " at client's request"), 1);
 }
 
 TEST_F(Holds, HoldsNothingForAnEmptyListOrAnApplicationWithoutPlugIns) {
-  for (const Message& granted : {lock(client, {}, kApplications), lock(client, {"/Applications/Empty.app"}, 1)}) {
-    EXPECT_NE(token(granted), UUID());
-  }
+  daemon.device.files->directories["/Applications/Empty.app"] = 0755;
+  lock(client, {"/Applications/Empty.app"}, kApplications);
+  lock(client, {}, 99);  // flags are looked at with a path
   EXPECT_EQ(daemon.server->holds().size(), 2U);
-  EXPECT_NE(token(lock(client, {}, 99)), UUID()) << "flags are looked at with a path";
-}
-
-TEST_F(Holds, RefusesWhatItCannotFindAndHoldsNothingOfIt) {
-  EXPECT_EQ(lock(client, {a->url->path, "/gone"}, kPlugIns), failure(9, "invalid path: /gone"));
-  EXPECT_EQ(lock(client, {a->url->path, "/elsewhere"}, kPlugIns), failure(9, "no plug-in at path:/elsewhere"));
-  const Message unsupported = failure(4, "invalid request format (unsupported hold flags)");
-  EXPECT_EQ(lock(client, {"/elsewhere"}, 3), unsupported);
-  EXPECT_EQ(client.ask("lock", {{"paths", paths({"/elsewhere"})}}), unsupported);
-  EXPECT_EQ(client.ask("lock", {{"uuids", "no list"}}), failure(4, "invalid request format"));
-  EXPECT_TRUE(daemon.server->holds().empty());
-  EXPECT_EQ(announcements(), 0U);
+  EXPECT_EQ(held(), "");
 }
 
 TEST_F(Holds, RefusesBusyApplicationsButHoldsASinglePlugInAllTheSame) {
-  makeBusy("com.example.busy");
-  const Message conflict = messageOf({{kJobdExtensionBundleIdentifierKey, "com.example.busy"}});
-  Message expected = failure(14, "plug-ins are busy");
-  expected.set("conflicts", list({conflict, conflict}));
-  EXPECT_EQ(lock(client, {"/Applications/Host.app"}, kApplications), expected);
+  constexpr std::string_view kBusy = "com.example.busy";
+  for (const auto& record : {a, b}) record->changeManifest(kVKBundleIdentifier, kBusy);
+  daemon.device.assertions->instances = {messageOf({{kAssurdBundleIdentifierKey, kBusy}})};
+  const Message conflict = messageOf({{kJobdExtensionBundleIdentifierKey, kBusy}});
+  Message refusal = failure(14, "plug-ins are busy");
+  refusal.set("conflicts", listOf({conflict, conflict}));
+  EXPECT_EQ(client.tell(lockRequest({kHostApp.path}, kApplications)), refusal);
   EXPECT_EQ(log.count("hold rejected. Busy plug-ins:"), 1);
   EXPECT_TRUE(daemon.server->holds().empty());
-
-  EXPECT_NE(token(lock(client, {a->url->path}, kPlugIns)), UUID());
-  EXPECT_TRUE(isHeld(a));
-  EXPECT_FALSE(isHeld(b));
+  lock(client, {pathOf("a")});
+  EXPECT_EQ(held(), "a");
 }
 
-TEST_F(Holds, KeepsAPlugInHeldUntilTheLastOfItsHoldsEnds) {
-  const UUID first = token(lock(client, {a->url->path, a->url->path}, kPlugIns));
-  const UUID second = token(lock(client, {a->url->path}, kPlugIns));
-  release(list({first}));
-  EXPECT_TRUE(isHeld(a));
-  release(list({second}));
-  EXPECT_FALSE(isHeld(a));
-}
-
-TEST_F(Holds, EndWithTheirClientAndOnlyTheirs) {
-  FakeClient other = daemon.connect(5);
-  const UUID first = token(lock(client, {a->url->path}, kPlugIns));
-  const UUID kept = token(lock(other, {b->url->path}, kPlugIns));
-  const UUID second = token(lock(client, {b->url->path}, kPlugIns));
+TEST_F(Holds, EndWithTheLastOfThemOrWithTheirClient) {
+  const UUID first = lock(client, {pathOf("a"), pathOf("a")}), second = lock(client, {pathOf("a")});
+  release(client, {first});
+  EXPECT_EQ(held(), "a");
+  const UUID kept = lock(other, {pathOf("b")}), third = lock(client, {pathOf("b")});
   client.die();
   ASSERT_EQ(daemon.server->holds().size(), 1U);
   EXPECT_EQ(daemon.server->holds().front()->uuid(), kept);
-  EXPECT_FALSE(isHeld(a));
-  EXPECT_TRUE(isHeld(b));
-  for (const UUID& uuid : {first, second}) {
+  EXPECT_EQ(held(), "b");
+  for (const UUID& uuid : {second, third}) {
     EXPECT_TRUE(log.has(LogLevel::Debug, "ops", "releasing plug-in hold " + uuid.text() + " for dead client pid 77"));
   }
-  EXPECT_EQ(announcements(), 5U);
+  EXPECT_EQ(announcements(), 7U);
 }
 
 TEST_F(Holds, AreNotPlacedForAClientThatDiedMeanwhile) {
-  auto hold =
-      VKDPlugInHold::initWithPlugInsForClient(daemon.messages, {daemon.server->findPlugIn(*a->uuid)}, client.object());
+  const auto messages = daemon.device.messages;
+  auto hold = VKDPlugInHold::initWithPlugInsForClient(messages, {daemon.plugIn("a")}, client.object());
   client.die();
   EXPECT_EQ(daemon.server->addHold(hold), VKDServer::HoldAdded::ClientIsGone);
-  EXPECT_FALSE(isHeld(a));
+  EXPECT_EQ(held(), "");
   EXPECT_EQ(announcements(), 0U);
-  hold = nullptr;
-  EXPECT_EQ(daemon.messages->keepAlives, 0);
 }
 
 TEST_F(Holds, AreBoundedPerClient) {
-  FakeClient other = daemon.connect(5);
   UUID last;
-  for (std::uint32_t i = 0; i < VKDServer::kMaxHoldsPerClient; ++i) last = token(lock(client, {}, kApplications));
-  EXPECT_EQ(lock(client, {a->url->path}, kPlugIns), failure(4, "too many holds"));
+  for (std::uint32_t i = 0; i < VKDServer::kMaxHoldsPerClient; ++i) last = lock(client, {});
+  EXPECT_EQ(client.tell(lockRequest({pathOf("a")}, kPlugIns)), failure(4, "too many holds"));
   EXPECT_TRUE(log.has(LogLevel::Error, "ops", "client 77 is refused a hold: it has 256"));
-  EXPECT_FALSE(isHeld(a));
-  EXPECT_NE(token(lock(other, {}, kApplications)), UUID());
-  release(list({last}));
-  EXPECT_NE(token(lock(client, {}, kApplications)), UUID());
+  EXPECT_EQ(held(), "");
+  lock(other, {});
+  release(client, {last});
+  lock(client, {});
 }
 
 }  // namespace

@@ -17,11 +17,6 @@
 namespace vkd::testing {
 namespace {
 
-using support::ChildProgram;
-using support::installProgram;
-using support::plist;
-using support::ScratchRoot;
-
 constexpr const char* kHost = "/Applications/Host.app/run";
 constexpr const char* kEntitlements = "/Applications/Host.app/run.entitlements";
 constexpr const char* kOther = "/Applications/Other.app/run";
@@ -36,7 +31,7 @@ struct Peer : FakeConnection {
 
 // An entitled host that runs, and a daemon that looks at it as the real one does.
 struct Scene {
-  LogCapture log;
+  CapturedLog log;
   ScratchRoot scratch;
   const std::string host = installProgram(scratch, kHost, "/bin/sh");
   const std::string other = installProgram(scratch, kOther);
@@ -46,8 +41,7 @@ struct Scene {
   std::optional<ChildProgram> process, again;
   std::shared_ptr<PeerIdentity> peer;
   rlimit descriptors{};
-  FakeDaemon daemon{
-      [this](FakeServices& device) { device.otherCodeSigning = std::make_shared<LinuxCodeSigning>(scratch.root()); }};
+  FakeDaemon daemon{[this](Services& all) { all.codeSigning = std::make_shared<LinuxCodeSigning>(scratch.root()); }};
   std::shared_ptr<FakeRecord> open = daemon.install("open"), guarded = daemon.install("guarded");
 
   Scene() {
@@ -80,9 +74,9 @@ struct Scene {
       EXPECT_TRUE(code == 0 || code == 11) << reply.description();
       if (code == 0) text += what;
     };
-    note("remove ", client.ask("remove", {{"paths", paths({"/a"})}}));
+    note("remove ", client.ask("remove", {{"paths", listOf({"/a"})}}));
     note("discover ", client.ask("match", {{"flags", kEverything}}));
-    note("ready ", client.ask("ready", {{"uuids", uuids({guarded})}}));
+    note("ready ", client.ask("ready", {{"uuids", uuids({"guarded"})}}));
     if (matched(client).find("guarded") != std::string::npos) text += "match ";
     EXPECT_NE(matched(client).find("open"), std::string::npos) << "what anybody may see";
     return text;
@@ -94,7 +88,7 @@ struct Scene {
   void executeSomethingElse() {
     std::ofstream(pipe) << "go\n";
     const std::string link = "/proc/" + std::to_string(process->pid()) + "/exe";
-    EXPECT_TRUE(support::eventually([&] { return std::filesystem::equivalent(link, other); }));
+    EXPECT_TRUE(eventually([&] { return std::filesystem::equivalent(link, other); }));
   }
   // The same program runs under its process id. Not every machine lets somebody choose an id: nobody runs there then.
   void endAndLetItsIdBeUsedAgain() {
@@ -111,7 +105,7 @@ struct Scene {
     }
     if (child < 0) return;
     EXPECT_EQ(child, id);
-    EXPECT_TRUE(support::eventually([&] { return PeerIdentity::ofProcess(id)->executablePath() == host; }));
+    EXPECT_TRUE(eventually([&] { return PeerIdentity::ofProcess(id)->executablePath() == host; }));
     again.emplace(static_cast<pid_t>(child));
   }
   void useUpDescriptors() {
@@ -119,68 +113,55 @@ struct Scene {
     none.rlim_cur = 0;
     ::setrlimit(RLIMIT_NOFILE, &none);
   }
-  void replace(const std::string& path, const std::string& bytes) {
+  // Nothing is left of a file that is replaced by no bytes.
+  void replace(const std::string& path, const std::string& bytes = "") const {
     std::filesystem::remove(path);
-    std::ofstream(path) << bytes;
+    if (!bytes.empty()) std::ofstream(path) << bytes;
+  }
+  void moveAndLink(const std::string& from, const std::string& to) const {
+    std::filesystem::rename(scratch.host(from), scratch.host(to));
+    scratch.link(to, from);
   }
 };
 
-TEST(Identity, OfAProcessThatIsWhoItWasGivesItsRights) {
-  Scene scene;
-  FakeClient client = scene.connect();
-  EXPECT_EQ(scene.rights(client), "remove discover ready match ");
-}
-
 TEST(Identity, IsNobodysWheneverAnythingIsWrong) {
-  enum class When { Before, AnyTime };
-  const struct {
-    const char* what;
-    When when;  // it happens: before the first question only, since files are read once, or after it, too
-    std::function<void(Scene&)> happen;
-  } kCases[] = {
-      {"ended", When::AnyTime, [](Scene& s) { s.end(); }},
-      {"its id is used again", When::AnyTime, [](Scene& s) { s.endAndLetItsIdBeUsedAgain(); }},
-      {"executes another entitled program", When::AnyTime, [](Scene& s) { s.executeSomethingElse(); }},
-      {"somebody else wrote to its socket", When::AnyTime, [](Scene& s) { s.peer->markForeign(); }},
-      {"another file has its executable's name", When::Before,
-       [](Scene& s) { std::filesystem::remove(s.host), installProgram(s.scratch, kHost); }},
-      {"its executable is gone", When::Before, [](Scene& s) { std::filesystem::remove(s.host); }},
-      {"its folder is another's", When::Before,
-       [](Scene& s) {
-         std::filesystem::rename(s.scratch.host("/Applications/Host.app"), s.scratch.host("/Applications/Old.app"));
-         s.scratch.link("/Applications/Old.app", "/Applications/Host.app");
-       }},
-      {"no descriptor is free", When::Before, [](Scene& s) { s.useUpDescriptors(); }},
-      {"no entitlement file", When::Before, [](Scene& s) { std::filesystem::remove(s.entitlements); }},
-      {"others may write it", When::Before, [](Scene& s) { ::chmod(s.entitlements.c_str(), 0646); }},
-      {"it is a link", When::Before,
-       [](Scene& s) {
-         std::filesystem::rename(s.entitlements, s.entitlements + ".real");
-         s.scratch.link(std::string(kEntitlements) + ".real", kEntitlements);
-       }},
-      {"it is no property list", When::Before, [](Scene& s) { s.replace(s.entitlements, "garbage"); }},
-      {"it is no dictionary", When::Before, [](Scene& s) { s.replace(s.entitlements, plist("<true/>")); }},
-      {"it is a FIFO", When::Before,
-       [](Scene& s) {
-         std::filesystem::remove(s.entitlements);
-         EXPECT_EQ(::mkfifo(s.entitlements.c_str(), 0600), 0);
-       }},
+  using Happening = std::function<void(Scene&)>;
+  // What counts whenever it happens.
+  const std::pair<const char*, Happening> always[] = {
+      {"ended", [](Scene& s) { s.end(); }},
+      {"its id is used again", [](Scene& s) { s.endAndLetItsIdBeUsedAgain(); }},
+      {"executes another entitled program", [](Scene& s) { s.executeSomethingElse(); }},
+      {"somebody else wrote to its socket", [](Scene& s) { s.peer->markForeign(); }},
   };
-  for (const auto& wrong : kCases) {
-    SCOPED_TRACE(wrong.what);
-    for (bool asked : {false, true}) {
-      if (asked && wrong.when == When::Before) continue;
-      Scene scene;
-      FakeClient client = scene.connect();
-      if (asked) {
-        EXPECT_EQ(scene.rights(client), "remove discover ready match ");
-      }
-      const std::size_t before = scene.daemon.device.serviceManager->added.size();
-      wrong.happen(scene);
-      EXPECT_EQ(scene.rights(client), "") << (asked ? "after it was asked once" : "");
-      EXPECT_EQ(scene.daemon.device.serviceManager->added.size(), before);
+  // Files are read once: these only before the first question.
+  const std::pair<const char*, Happening> before[] = {
+      {"another file has its executable's name", [](Scene& s) { s.replace(s.host), installProgram(s.scratch, kHost); }},
+      {"its executable is gone", [](Scene& s) { s.replace(s.host); }},
+      {"its folder is another's", [](Scene& s) { s.moveAndLink("/Applications/Host.app", "/Applications/Old.app"); }},
+      {"no descriptor is free", [](Scene& s) { s.useUpDescriptors(); }},
+      {"no entitlement file", [](Scene& s) { s.replace(s.entitlements); }},
+      {"others may write it", [](Scene& s) { ::chmod(s.entitlements.c_str(), 0646); }},
+      {"it is a link", [](Scene& s) { s.moveAndLink(kEntitlements, std::string(kEntitlements) + ".real"); }},
+      {"it is no property list", [](Scene& s) { s.replace(s.entitlements, "garbage"); }},
+      {"it is no dictionary", [](Scene& s) { s.replace(s.entitlements, plist("<true/>")); }},
+      {"it is a FIFO", [](Scene& s) { s.replace(s.entitlements), ::mkfifo(s.entitlements.c_str(), 0600); }},
+  };
+  const auto expectNobody = [](const char* what, const Happening& happen, bool asked) {
+    SCOPED_TRACE(std::string(what) + (asked ? ", after it was asked once" : ""));
+    Scene scene;
+    FakeClient client = scene.connect();
+    if (asked) {
+      EXPECT_EQ(scene.rights(client), "remove discover ready match ");
     }
+    const std::size_t enabled = scene.daemon.device.serviceManager->added.size();
+    happen(scene);
+    EXPECT_EQ(scene.rights(client), "");
+    EXPECT_EQ(scene.daemon.device.serviceManager->added.size(), enabled);
+  };
+  for (const auto& [what, happen] : always) {
+    for (bool asked : {false, true}) expectNobody(what, happen, asked);
   }
+  for (const auto& [what, happen] : before) expectNobody(what, happen, false);
 }
 
 // What nothing is known of from the start.

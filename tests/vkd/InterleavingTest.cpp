@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <map>
 #include <set>
 
 #include "tests/Support/SeededQueues.h"
@@ -23,103 +22,24 @@ std::uint64_t setting(const char* name, std::uint64_t otherwise) {
   return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-// Services at whose door somebody else may go first.
-struct OvertakenRegistry : FakeRegistry {
-  SeededQueues* queues = nullptr;
-
-  std::optional<RegistryPlugInRecords> installedPlugIns() override { return passing(FakeRegistry::installedPlugIns()); }
-  std::optional<RegistryPlugInRecords> plugInsMatching(const PlistValue& query, const Filter& filter) override {
-    FakeRegistry now;  // the filter is called on a list that changes no more
-    now.installed = installed;
-    return passing(now.plugInsMatching(query, filter));
-  }
-  std::shared_ptr<RegistryPlugInRecord> plugInRecord(const UUID& uuid) override {
-    return passing(FakeRegistry::plugInRecord(uuid));
-  }
-  std::shared_ptr<RegistryPlugInRecord> plugInRecord(const FileURL& url) override {
-    return passing(FakeRegistry::plugInRecord(url));
-  }
-  std::shared_ptr<RegistryAppRecord> appRecord(const FileURL& url) override {
-    auto found = FakeRegistry::appRecord(url);
-    if (found == nullptr) return found;
-    auto now = std::make_shared<FakeAppRecord>(static_cast<const FakeAppRecord&>(*found));
-    now->list = *installed;
-    return passing(std::shared_ptr<RegistryAppRecord>(now));
-  }
-  // As the registry does it: lookups see it at once, observers are told later.
-  void remove(const std::shared_ptr<FakeRecord>& record) {
-    std::erase(*installed, std::shared_ptr<RegistryPlugInRecord>(record));
-    queues->pause();
-    observer->pluginsWillUninstall({record});
-  }
-
- private:
-  template <class Answer>
-  Answer passing(Answer answer) {
-    queues->pause();
-    return answer;
-  }
-};
-
-struct OvertakenPreferences : FakePreferences {
-  SeededQueues* queues = nullptr;
-  PlistValue value(std::string_view key, std::string_view domain) override {
-    queues->pause();
-    return FakePreferences::value(key, domain);
-  }
-};
-
-// Keeps records as the real one: of a bundle, until they are removed.
-struct RecordingServiceManager : FakeServiceManager {
-  SeededQueues* queues = nullptr;
-  std::set<std::string> services;
-  int addExternalService(std::int32_t, std::string_view executable, const Message&) override {
-    queues->pause();
-    services.emplace(executable);
-    queues->pause();
-    return 0;
-  }
-  void removeExternalService(std::string_view identifier, std::string_view, std::shared_ptr<WorkQueue> queue,
-                             std::function<void(int)> completion) override {
-    queues->pause();
-    std::erase_if(services, [&](const std::string& path) { return path.find(identifier) != std::string::npos; });
-    queue->async([completion = std::move(completion)] { completion(0); });
-  }
-};
-
 struct World {
   SeededQueues queues;
-  std::shared_ptr<OvertakenRegistry> registry = std::make_shared<OvertakenRegistry>();
-  std::shared_ptr<OvertakenPreferences> preferences = std::make_shared<OvertakenPreferences>();
-  std::shared_ptr<RecordingServiceManager> manager = std::make_shared<RecordingServiceManager>();
-  FakeDaemon daemon;
+  FakeDaemon daemon{[this](Services& all) { all.queues = std::shared_ptr<WorkQueueFactory>(&queues, [](auto*) {}); }};
   std::shared_ptr<FakeRecord> a = install("a"), b = install("b"), c = install("c");
   FakeClient host = daemon.connect(1), installer = daemon.connect(2), settings = daemon.connect(3);
 
-  explicit World(std::uint64_t seed)
-      : queues(seed), daemon([this](FakeServices& device) {
-          device.otherQueues = std::shared_ptr<WorkQueueFactory>(&queues, [](auto*) {});
-          device.registry = registry;
-          device.preferences = preferences;
-          device.serviceManager = manager;
-        }) {
-    registry->queues = preferences->queues = manager->queues = &queues;
-    registry->apps["/Applications/Host.app"] = std::make_shared<FakeAppRecord>();
-    for (const auto& record : {a, b, c}) daemon.device.files->directories[record->url->path] = 0755;
-    daemon.device.files->directories["/Applications/Host.app"] = 0755;
-    // Every line of the log is a place where a thread may lose its core.
+  // Wherever a service is asked, and at every line of the log, a thread may lose its core.
+  explicit World(std::uint64_t seed) : queues(seed) {
+    *daemon.device.hook = [this](std::string_view) { queues.pause(); };
     setLogSink([this](const LogLine&) { queues.pause(); });
   }
   ~World() { setLogSink({}); }
 
-  std::shared_ptr<FakeRecord> install(const char* name) {
+  std::shared_ptr<FakeRecord> install(const std::string& name) {
     auto record = daemon.install(name);
-    record->bundleId = "/" + std::string(name) + ".appex";
-    // Results may be sorted by it, and a seed is to take the same way again.
-    record->uuid = UUID::parse("00000000-0000-0000-0000-00000000000" + std::string(name));
+    record->bundleId = "/" + name + ".appex";
     return record;
   }
-
   // Everything that anybody can see afterwards. Tokens are random, and stand for themselves.
   std::string outcome() {
     std::string text;
@@ -132,20 +52,16 @@ struct World {
       text += "\n";
     }
     for (const auto& hold : daemon.server->holds()) {
-      text += "hold of";
-      for (const auto& record : {a, b, c}) {
-        for (const auto& plugIn : hold->blocked())
-          text += plugIn->uuid() == *record->uuid ? " " + record->identifier : "";
-      }
-      text += hold->client() != nullptr ? "\n" : " of nobody\n";
+      text += hold->client() != nullptr ? "hold of" : "hold of nobody on";
+      for (const auto& plugIn : hold->blocked()) text += " " + plugIn->identifier();
+      text += "\n";
     }
-    text += "keep-alives " + std::to_string(daemon.messages->keepAlives) + ", posts " +
+    text += "keep-alives " + std::to_string(daemon.device.messages->keepAlives) + ", posts " +
             std::to_string(daemon.device.notifier->posts.size()) + "\n";
-    for (const std::string& service : manager->services) text += "service " + service + "\n";
-    for (const auto& record : {a, b, c}) {
-      auto plugIn = daemon.server->findPlugIn(*record->uuid);
-      text += record->identifier + (plugIn == nullptr ? " gone " : " there ") +
-              daemon.server->annotationSnapshot()->annotation(record->identifier)["election"].description() + "\n";
+    for (const std::string& service : daemon.device.serviceManager->services) text += "service " + service + "\n";
+    for (const char* name : {"a", "b", "c"}) {
+      text += std::string(name) + (daemon.plugIn(name) == nullptr ? " gone " : " there ") +
+              daemon.server->annotationSnapshot()->annotation(name)["election"].description() + "\n";
     }
     return text;
   }
@@ -172,78 +88,60 @@ struct Scenario {
   std::vector<std::vector<Step>> threads;  // each does its steps in order
 };
 
-Step request(FakeClient World::*by, std::function<Message(World&)> make) {
-  return [by, make](World& world) { (world.*by).deliver(make(world)); };
+Step request(FakeClient World::*by, const Message& message) {
+  return [by, message](World& world) { (world.*by).deliver(message); };
 }
-Message lock(World& world) {
-  return requestOf("lock", {{"paths", paths({world.a->url->path})}, {"flags", std::uint64_t{2}}});
-}
-Message lockApplication(World&) {
-  return requestOf("lock", {{"paths", paths({"/Applications/Host.app"})}, {"flags", std::uint64_t{1}}});
-}
-Message ready(World& world) { return requestOf("ready", {{"uuids", uuids({world.b, world.a})}}); }
-Message match(World&) { return requestOf("match"); }
-Message matchElected(World&) { return requestOf("match", {{"rules", messageOf({{kVKRuleUserElection, "1"}})}}); }
-Message annotate(World& world) {
-  return requestOf("annotate",
-                   {{"uuids", uuids({world.a, world.b})}, {"annotations", messageOf({{"election", std::int64_t{1}}})}});
-}
+const Message kLock = lockRequest({pathOf("a")}, 2), kLockApplication = lockRequest({kHostApp.path}, 1);
+const Message kReady = requestOf("ready", {{"uuids", uuids({"b", "a"})}});
+const Message kMatch = requestOf("match"), kAnnotate = annotateRequest({"a", "b"}, election(1));
+const Message kMatchElected = requestOf("match", {{"rules", messageOf({{kVKRuleUserElection, "1"}})}});
+
 void installerDies(World& world) { world.installer.die(); }
-void uninstallA(World& world) { world.registry->remove(world.a); }
-void uninstallB(World& world) { world.registry->remove(world.b); }
-Step exclude(std::string_view identifier) {
-  return [identifier](World& world) {
-    world.preferences->exclusions = PlistValue::array({PlistBuilder().set(kVKRuleIdentifier, identifier).take()});
+void uninstallA(World& world) { world.daemon.device.registry->uninstall(world.a); }
+void uninstallB(World& world) { world.daemon.device.registry->uninstall(world.b); }
+Step exclude(const std::string& identifier) {
+  return [rule = dictionary({{std::string(kVKRuleIdentifier), identifier}})](World& world) {
+    world.daemon.device.preferences->exclusions = list({rule});
   };
 }
 void nothing(World&) {}
 void everythingIsCached(World& world) { world.daemon.server->findPlugIns(PlistValue()); }
 void cacheIsTiny(World& world) { world.daemon.server->setCacheLimit(0); }
-void lookUpC(World& world) { world.daemon.server->findPlugIn(*world.c->uuid); }
+void lookUpC(World& world) { world.daemon.plugIn("c"); }
 void electsItself(World& world) {
-  world.b->rights = PlistBuilder().set(kVKEntitlementAutoElect, true).take();
+  world.b->rights = dictionary({{std::string(kVKEntitlementAutoElect), true}});
   cacheIsTiny(world);
 }
+void installerHolds(World& world) {
+  world.installer.deliver(kLock);
+  world.queues.run();
+}
+
+const Step kHostReady = request(&World::host, kReady), kHostMatch = request(&World::host, kMatch);
+const Step kInstallerLock = request(&World::installer, kLock), kInstallerMatch = request(&World::installer, kMatch);
+const Step kSettingsAnnotate = request(&World::settings, kAnnotate);
+const Step kHostElected = request(&World::host, kMatchElected);
 
 const Scenario kScenarios[] = {
     {"a client dies during its lock",
      everythingIsCached,
-     {{request(&World::installer, lock)},
-      {installerDies},
-      {request(&World::host, ready)},
-      {request(&World::settings, match)}}},
+     {{kInstallerLock}, {installerDies}, {kHostReady}, {request(&World::settings, kMatch)}}},
     {"a client dies that has a hold",
-     [](World& world) {
-       world.installer.deliver(lock(world));
-       world.queues.run();
-     },
-     {{installerDies}, {request(&World::host, ready)}, {request(&World::settings, lock)}}},
-    {"an uninstall during ready", everythingIsCached, {{uninstallA}, {request(&World::host, ready)}}},
+     installerHolds,
+     {{installerDies}, {kHostReady}, {request(&World::settings, kLock)}}},
+    {"an uninstall during ready", everythingIsCached, {{uninstallA}, {kHostReady}}},
     {"an uninstall during lookups that fill the cache",
      nothing,
-     {{uninstallA}, {request(&World::host, match)}, {request(&World::installer, lockApplication)}}},
+     {{uninstallA}, {kHostMatch}, {request(&World::installer, kLockApplication)}}},
     {"two uninstalls during lock, match and ready",
      nothing,
-     {{uninstallA, uninstallB},
-      {request(&World::installer, lock)},
-      {request(&World::host, match), request(&World::host, ready)}}},
-    {"annotate during match",
-     nothing,
-     {{request(&World::settings, annotate)},
-      {request(&World::host, matchElected)},
-      {request(&World::installer, match)},
-      {uninstallB}}},
+     {{uninstallA, uninstallB}, {kInstallerLock}, {kHostMatch, kHostReady}}},
+    {"annotate during match", nothing, {{kSettingsAnnotate}, {kHostElected}, {kInstallerMatch}, {uninstallB}}},
     {"preferences rewritten during match",
      nothing,
-     {{exclude("a"), exclude("b")},
-      {request(&World::host, match), request(&World::host, match)},
-      {request(&World::installer, match)}}},
-    {"cache purged during match",
-     cacheIsTiny,
-     {{request(&World::host, match)}, {lookUpC, lookUpC}, {request(&World::settings, annotate)}, {uninstallA}}},
-    {"automatic election during match",
-     electsItself,
-     {{request(&World::host, matchElected)}, {lookUpC}, {request(&World::settings, annotate)}}},
+     {{exclude("a"), exclude("b")}, {kHostMatch, kHostMatch}, {kInstallerMatch}}},
+    {"cache purged during match", cacheIsTiny, {{kHostMatch}, {lookUpC, lookUpC}, {kSettingsAnnotate}, {uninstallA}}},
+    {"automatic election during match", electsItself, {{kHostElected}, {lookUpC}, {kSettingsAnnotate}}},
 };
 
 // What every order of the steps comes to, one after the other; those of one thread stay in theirs.

@@ -13,11 +13,6 @@ namespace vkd::testing {
 
 using namespace Vornik;
 
-inline PlistValue dictionary(std::vector<std::pair<std::string, PlistValue>> entries) {
-  return PlistValue::dictionary(std::move(entries));
-}
-inline PlistValue list(std::vector<PlistValue> elements) { return PlistValue::array(std::move(elements)); }
-
 struct FakeAnnotations : AnnotationSource {
   PlistValue annotation;
   PlistValue annotationForPlugIn(const VKDPlugIn&) override { return annotation; }
@@ -27,7 +22,7 @@ class PlugInFixture : public ::testing::Test {
  protected:
   std::shared_ptr<VKDPlugIn> make() { return VKDPlugIn::initWithALData(record, surroundings); }
 
-  LogCapture log;
+  CapturedLog log;
   FakeServices device;
   FakeAnnotations annotations;
   VKDPlugIn::Surroundings surroundings{device.services(), &annotations};

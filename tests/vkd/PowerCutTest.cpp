@@ -25,9 +25,6 @@ std::string perUser() {
   return "/var/users/" + std::to_string(::getuid()) + "/Containers/10/com.vantrel.vkd/com.vantrel.vornik/Annotations";
 }
 
-// --- Annotations
-// ------------------------------------------------------------------------------------------------------
-
 constexpr int kNone = -1;  // nothing is stored
 
 bool isKept(const std::string& content, const fault::Tree& tree) {
@@ -54,7 +51,7 @@ class AnnotationPowerCut : public PlugInFixture {
   fault::Oracle::Save save(int number, const fault::Recording& recording) {
     const std::size_t from = recording.now();
     store->setAnnotationForPlugIn(dictionary({{"election", number}}), *make());
-    EXPECT_EQ(log.count("unable to save"), 0) << log.all();
+    EXPECT_EQ(log.count("unable to save"), 0) << log;
     return {number, from, recording.now()};
   }
   void put(const std::string& path, int number) {
@@ -62,7 +59,7 @@ class AnnotationPowerCut : public PlugInFixture {
     scratch.write(path, serializePropertyListXML(dictionary({{"version", 16}, {"data", data}})));
   }
 
-  support::ScratchRoot scratch;
+  ScratchRoot scratch;
   Services services = device.services();
   std::unique_ptr<VKDAnnotationStore> store;
 };
@@ -169,7 +166,7 @@ TEST_F(AnnotationPowerCut, WhatCannotBeReadIsReplacedOnlyWhenItIsKept) {
   for (const auto& file : std::filesystem::directory_iterator(scratch.host("/var/db"))) {
     if (log.count("could not be loaded at /var/db/" + file.path().filename().string()) != 0) kept = file.path();
   }
-  EXPECT_EQ(support::ScratchRoot::contents(kept), old) << log.all();
+  EXPECT_EQ(ScratchRoot::contents(kept), old) << log;
 }
 
 }  // namespace

@@ -9,74 +9,58 @@ namespace {
 struct Ready : ::testing::Test {
   FakeDaemon daemon;
   std::shared_ptr<FakeRecord> a = daemon.install("a"), b = daemon.install("b");
+  FakeClient client = daemon.connect();
   FakeServiceManager& manager = *daemon.device.serviceManager;
-  LogCapture log;
+  CapturedLog log;
 
-  std::vector<std::string> enabled() const {
-    std::vector<std::string> list;
-    for (const auto& added : manager.added) list.push_back(added.executable);
-    return list;
+  static Message ready(std::initializer_list<std::string_view> names) {
+    return requestOf("ready", {{"uuids", uuids(names)}});
   }
-  static std::string executable(const std::shared_ptr<FakeRecord>& record) { return record->url->path + "/run"; }
-  static std::string denied(const std::shared_ptr<FakeRecord>& record, std::string_view why) {
-    return "denied access to 77 for plugin " + record->identifier + "(" + record->uuid->text() +
-           "): " + std::string(why);
+  bool toldDenied(const std::string& name, const std::string& why) const {
+    return log.has(LogLevel::Default, "ops",
+                   "denied access to 77 for plugin " + name + "(" + uuidOf(name).text() + "): " + why);
   }
 };
 
 TEST_F(Ready, EnablesEachNamedPlugInOnceForTheHostThatAsked) {
-  FakeClient client = daemon.connect();
-  EXPECT_EQ(client.ask("ready", {{"uuids", uuids({})}}), success());
-  EXPECT_EQ(client.ask("ready", {{"uuids", uuids({a, b, a})}}), success());
-  EXPECT_EQ(enabled(), (std::vector<std::string>{executable(a), executable(b)}));
+  EXPECT_EQ(client.tell(ready({})), success());
+  EXPECT_EQ(client.tell(ready({"a", "b", "a"})), success());
+  ASSERT_EQ(manager.added.size(), 2U);
+  EXPECT_EQ(manager.added.front().executable, pathOf("a") + "/run");
+  EXPECT_EQ(manager.added.back().executable, pathOf("b") + "/run");
   EXPECT_EQ(manager.added.front().pid, 77);
-}
-
-TEST_F(Ready, NeitherAsksNorEnablesForDataPlugIns) {
-  a->changeSection(kVKExtensionProtocol, kVKDataProtocol);
-  a->changeSection(kVKExtensionHostEntitlement, "nobody has it");
-  EXPECT_EQ(daemon.connect().ask("ready", {{"uuids", uuids({a})}}), success());
-  EXPECT_TRUE(enabled().empty());
+  manager.answer = 22;
+  EXPECT_EQ(client.tell(ready({"a", "b"})), failure(4, "unable to enable plug-in a(" + uuidOf("a").text() + ")"));
+  EXPECT_EQ(manager.added.size(), 3U) << "the first failure is the last try";
 }
 
 TEST_F(Ready, EnablesNoneWhenOneIsRefused) {
   b->changeSection(kVKExtensionHostEntitlement, "special");
   const std::string why = "the host does not have the \"special\" entitlement";
-  EXPECT_EQ(daemon.connect().ask("ready", {{"uuids", uuids({a, b})}}),
-            failure(11, "access to plugin b denied: " + why));
-  EXPECT_TRUE(log.has(LogLevel::Default, "ops", denied(b, why))) << log.all();
-  EXPECT_TRUE(enabled().empty());
-  FakeClient entitled = daemon.connect(5, PlistBuilder().set("special", "yes").take());
-  EXPECT_EQ(entitled.ask("ready", {{"uuids", uuids({a, b})}}), success());
+  EXPECT_EQ(client.tell(ready({"a", "b"})), failure(11, "access to plugin b denied: " + why));
+  EXPECT_TRUE(toldDenied("b", why)) << log;
+  EXPECT_TRUE(manager.added.empty());
+  EXPECT_EQ(daemon.connect(5, dictionary({{"special", "yes"}})).tell(ready({"a", "b"})), success());
 }
 
-TEST_F(Ready, RefusesAHeldPlugInEvenOfData) {
+TEST_F(Ready, NeitherAsksNorEnablesForDataPlugInsUnlessTheyAreHeld) {
   a->changeSection(kVKExtensionProtocol, kVKDataProtocol);
-  FakeClient client = daemon.connect();
-  auto plugIn = daemon.server->findPlugIn(*a->uuid);
-  daemon.server->addHold(VKDPlugInHold::initWithPlugInsForClient(daemon.messages, {plugIn}, client.object()));
-  EXPECT_EQ(client.ask("ready", {{"uuids", uuids({b, a})}}),
-            failure(11, "access to plugin a denied: the plug-in is on hold"));
-  EXPECT_TRUE(log.has(LogLevel::Default, "ops", denied(a, "the plug-in is on hold"))) << log.all();
-  EXPECT_TRUE(enabled().empty());
-}
-
-TEST_F(Ready, PassesOnTheFirstFailureToEnable) {
-  manager.answer = 22;
-  EXPECT_EQ(daemon.connect().ask("ready", {{"uuids", uuids({a, b})}}),
-            failure(4, "unable to enable plug-in a(" + a->uuid->text() + ")"));
-  EXPECT_EQ(manager.added.size(), 1U);
+  a->changeSection(kVKExtensionHostEntitlement, "nobody has it");
+  EXPECT_EQ(client.tell(ready({"a"})), success());
+  client.tell(lockRequest({pathOf("a")}, 2));
+  EXPECT_EQ(client.tell(ready({"b", "a"})), failure(11, "access to plugin a denied: the plug-in is on hold"));
+  EXPECT_TRUE(toldDenied("a", "the plug-in is on hold")) << log;
+  EXPECT_TRUE(manager.added.empty());
 }
 
 TEST_F(Ready, GivesAReadTokenForEachNameInOrder) {
-  FakeClient client = daemon.connect();
-  Message tokens = Message::array();
-  for (const auto& record : {b, a, b}) tokens.append("token:" + record->url->path);
-  EXPECT_EQ(client.ask("access", {{"uuids", uuids({b, a, b})}}), messageOf({{"extensions", tokens}}));
+  const std::string tokenA = "token:" + pathOf("a"), tokenB = "token:" + pathOf("b");
+  EXPECT_EQ(client.ask("access", {{"uuids", uuids({"b", "a", "b"})}}),
+            messageOf({{"extensions", listOf({tokenB, tokenA, tokenB})}}));
   EXPECT_EQ(client.ask("access", {{"uuids", uuids({})}}), messageOf({{"extensions", Message::array()}}));
-  daemon.device.sandbox->refused.insert(a->url->path);
-  EXPECT_EQ(client.ask("access", {{"uuids", uuids({b, a})}}),
-            failure(4, "cannot create extension to " + a->url->path + ": 2"))
+  daemon.device.sandbox->refused.insert(pathOf("a"));
+  EXPECT_EQ(client.ask("access", {{"uuids", uuids({"b", "a"})}}),
+            failure(4, "cannot create extension to " + pathOf("a") + ": 2"))
       << "no partial answer";
 }
 

@@ -1,3 +1,4 @@
+// What the annotation store keeps and tells. What it is worth when files fail or power goes is PowerCutTest's.
 #include <string>
 
 #include "platform/PropertyList.h"
@@ -8,7 +9,7 @@ namespace vkd::testing {
 namespace {
 
 constexpr const char* kShared = "/var/db/Vornik-Annotations";
-constexpr const char* kPerUser = "/var/users/0/Containers/10/com.vantrel.vkd/com.vantrel.vornik/Annotations";
+constexpr const char* kDirectory = "/var/users/0/Containers/10/com.vantrel.vkd/com.vantrel.vornik";
 
 class VKDAnnotationStoreTest : public PlugInFixture {
  protected:
@@ -16,7 +17,15 @@ class VKDAnnotationStoreTest : public PlugInFixture {
     store = nullptr;
     store = VKDAnnotationStore::initWithDatabase(services, path);
   }
-  void put(const std::string& path, const PlistValue& data, int version = 16) {
+  std::string failure() {
+    try {
+      start();
+    } catch (const StartupFailure& failure) {
+      return failure.what();
+    }
+    return "started";
+  }
+  void put(const std::string& path, const PlistValue& data, const PlistValue& version = 16) {
     device.files->contents[path] = serializePropertyListXML(dictionary({{"version", version}, {"data", data}}));
   }
   PlistValue fileAt(const std::string& path) { return parsePropertyList(device.files->contents[path], nullptr, 128); }
@@ -24,12 +33,10 @@ class VKDAnnotationStoreTest : public PlugInFixture {
     record = FakeRecord::appex(std::move(identifier));
     store->setAnnotationForPlugIn(annotation, *make());
   }
-  std::vector<std::string> asides() {
-    std::vector<std::string> found;
-    for (const auto& [path, bytes] : device.files->contents) {
-      if (path.find(".unreadable-") != std::string::npos) found.push_back(path);
-    }
-    return found;
+  static PlistValue nested(int depth) {
+    PlistValue value = 1;
+    for (int i = 0; i < depth; ++i) value = list({value});
+    return dictionary({{"extension", value}});
   }
 
   const Services services = device.services();
@@ -37,26 +44,21 @@ class VKDAnnotationStoreTest : public PlugInFixture {
   const PlistValue elected = dictionary({{"election", 1}});
 };
 
-TEST_F(VKDAnnotationStoreTest, AFirstStartIsQuietAndWritesNothing) {
-  start();
-  EXPECT_TRUE(log.lines().empty()) << log.all();
-  EXPECT_EQ(device.files->writes, 0);
-  EXPECT_FALSE(store->annotationForIdentifier("a"));
-  set("a", elected);
-  EXPECT_EQ(fileAt(kShared), dictionary({{"version", 16}, {"data", dictionary({{"a", elected}})}}));
-}
-
 TEST_F(VKDAnnotationStoreTest, ChangesMergeEntriesReplaceValuesAndSaveEveryTime) {
-  put("/store",
-      dictionary({{"a", dictionary({{"election", 0}, {"extension", dictionary({{"a", 1}})}, {"else", "x"}})}}));
+  start();
+  EXPECT_TRUE(log.lines().empty()) << "a first start is quiet" << log;
+  EXPECT_EQ(device.files->writes, 0);
+  set("b", elected);
+  EXPECT_EQ(fileAt(kShared), dictionary({{"version", 16}, {"data", dictionary({{"b", elected}})}}));
+
+  const PlistValue first = dictionary({{"a", 1}}), second = dictionary({{"b", 2}});
+  put("/store", dictionary({{"a", dictionary({{"election", 0}, {"extension", first}, {"else", "x"}})}}));
   start("/store");
-  set("a", elected);
-  set("a", dictionary({{"extension", dictionary({{"b", 2}})}}));
-  const PlistValue expected = dictionary({{"election", 1}, {"extension", dictionary({{"b", 2}})}, {"else", "x"}});
+  for (const PlistValue& change : {elected, dictionary({{"extension", second}}), elected}) set("a", change);
+  const PlistValue expected = dictionary({{"election", 1}, {"extension", second}, {"else", "x"}});
   EXPECT_EQ(store->annotationForIdentifier("a"), expected);
   EXPECT_EQ(fileAt("/store")["data"], dictionary({{"a", expected}}));
-  set("a", elected);
-  EXPECT_EQ(device.files->writes, 3);
+  EXPECT_EQ(device.files->writes, 4);
   set("b", elected);
   set("c", dictionary({}));
   set("a", PlistValue());
@@ -66,124 +68,68 @@ TEST_F(VKDAnnotationStoreTest, ChangesMergeEntriesReplaceValuesAndSaveEveryTime)
   EXPECT_EQ(fileAt("/store")["data"], dictionary({}));
 }
 
-TEST_F(VKDAnnotationStoreTest, AFileThatCannotBeLoadedIsLoggedAndKeptBesideBeforeItIsReplaced) {
-  const struct {
-    std::function<void()> spoil;
-    std::string error;
-  } cases[] = {
-      {[&] {
-         put(kShared, dictionary({{"a", elected}}), 15);
-       },
-       "found database version 15 needed version 16"},
-      {[&] { device.files->contents[kShared] = serializePropertyListXML(dictionary({})); },
-       "found database version 0 needed version 16"},
-      {[&] { device.files->contents[kShared] = "garbage"; }, ""},
-      {[&] { device.files->readError = 5; }, "file error 5"},
-  };
-  for (const auto& test : cases) {
+TEST_F(VKDAnnotationStoreTest, AFileOfAnotherVersionIsToldAndKeptBesideWhenItIsReplaced) {
+  for (const char* version : {"15", "0"}) {
     device.files->contents.clear();
-    put(kShared, dictionary({{"a", elected}}));
-    test.spoil();
-    const std::string bad = device.files->contents[kShared];
-    LogCapture lines;
+    put(kShared, dictionary({{"a", elected}}), std::atoi(version) != 0 ? std::atoi(version) : PlistValue());
+    const std::string old = device.files->contents[kShared];
+    CapturedLog lines;
     start();
-    device.files->readError = 0;
-    EXPECT_EQ(lines.count("unable to load annotation database:/var/db/Vornik-Annotations error:" + test.error), 1);
-    EXPECT_EQ(lines.count("(resetting)"), 1);
-    EXPECT_FALSE(store->annotationForIdentifier("a"));
-    EXPECT_TRUE(asides().empty()) << "nothing happens before the first change";
-    set("b", elected);
-    set("c", elected);
-    ASSERT_EQ(asides().size(), 1U);
-    EXPECT_EQ(device.files->contents[asides().front()], bad);
-    EXPECT_EQ(lines.count(asides().front()), 1);
+    const std::string problem = std::string("found database version ") + version + " needed version 16 (resetting)";
+    EXPECT_TRUE(lines.has(LogLevel::Error, "ops",
+                          std::string("unable to load annotation database:") + kShared + " error:" + problem))
+        << lines;
+    EXPECT_EQ(device.files->contents.size(), 1U) << "nothing happens before the first change";
+    for (const char* name : {"b", "c"}) set(name, elected);
     EXPECT_EQ(fileAt(kShared)["data"].size(), 2U);
+    ASSERT_EQ(device.files->contents.size(), 2U);
+    const auto& [aside, bytes] = *device.files->contents.rbegin();
+    EXPECT_EQ(bytes, old);
+    EXPECT_EQ(lines.count("kept the annotation database that could not be loaded at " + aside), 1);
   }
 }
 
-TEST_F(VKDAnnotationStoreTest, AFileThatCannotBeKeptAsideIsNotReplaced) {
-  device.files->contents[kShared] = "garbage";
-  start();
-  device.files->keepError = 30;
-  set("a", elected);
-  EXPECT_EQ(device.files->contents[kShared], "garbage");
-  EXPECT_EQ(log.count("unable to save annotations:/var/db/Vornik-Annotations error:file error 30"), 1);
-  device.files->keepError = 0;
-  set("b", elected);
-  EXPECT_EQ(asides().size(), 1U);
-  EXPECT_EQ(fileAt(kShared)["data"], dictionary({{"a", elected}, {"b", elected}}));
-}
-
-TEST_F(VKDAnnotationStoreTest, ChangingTheUserModeTakesTheOtherModesFileOver) {
+TEST_F(VKDAnnotationStoreTest, ThePlaceFollowsTheUserModeOrTheDaemonDoesNotStart) {
   put(kShared, dictionary({{"a", elected}}));
   device.users->multiUser = true;
   start();
-  EXPECT_EQ(device.files->directories.at("/var/users/0/Containers/10/com.vantrel.vkd/com.vantrel.vornik"), 0700U);
-  EXPECT_TRUE(log.has(LogLevel::Debug, "ops", std::string("annotations are stored at ") + kPerUser));
-  EXPECT_TRUE(log.has(LogLevel::Info, "ops", "migrating shared annotations"));
-  EXPECT_EQ(device.files->contents.at(kPerUser), device.files->contents.at(kShared));
-
+  EXPECT_EQ(device.files->directories.at(kDirectory), 0700U);
+  EXPECT_EQ(device.files->contents.at(std::string(kDirectory) + "/Annotations"), device.files->contents.at(kShared));
   device.files->contents.erase(kShared);
   device.users->multiUser = false;
-  device.files->writeError = 28;
+  device.files->errors["write"] = 28;
   start();
   EXPECT_EQ(store->annotationForIdentifier("a"), elected);
-  EXPECT_TRUE(log.has(LogLevel::Error, "ops",
-                      "unable to save migrated annotations to /var/db/Vornik-Annotations error:file error 28"));
-}
+  EXPECT_EQ(log.count(std::string("unable to save migrated annotations to ") + kShared + " error:file error 28"), 1);
 
-TEST_F(VKDAnnotationStoreTest, WithoutAPlaceTheDaemonDoesNotStart) {
-  const auto reason = [&] {
-    try {
-      start();
-      return std::string("started");
-    } catch (const StartupFailure& failure) {
-      return std::string(failure.what());
-    }
-  };
   device.users->multiUser = true;
-  device.files->directoryError = 13;
-  EXPECT_EQ(reason(),
-            "unable to create plugin annotations directory:"
-            "/var/users/0/Containers/10/com.vantrel.vkd/com.vantrel.vornik error:file error 13");
+  device.files->errors["create"] = 13;
+  EXPECT_EQ(failure(),
+            std::string("unable to create plugin annotations directory:") + kDirectory + " error:file error 13");
   EXPECT_EQ(log.count("failed to create storage directory at /var/users"), 1);
   device.containers->container = std::nullopt;
-  device.containers->errorCode = 9;
-  EXPECT_EQ(reason(), "unable to locate user container: error 9");
+  EXPECT_EQ(failure(), "unable to locate user container: error 9");
   EXPECT_TRUE(log.has(LogLevel::Error, "ops", "failed to get storage container: error=9"));
 }
 
 TEST_F(VKDAnnotationStoreTest, WhatXMLCannotCarryKeepsNothingElseFromBeingSaved) {
   start("/store");
   const std::string zero("x\0y", 3);
-  const PlistValue poison = dictionary(
-      {{"extension", dictionary({{zero, zero}, {"d", PlistValue::date(1e15)}, {"l", list({"\xFF", "good"})}})}});
+  const PlistValue odd = dictionary({{zero, zero}, {"d", PlistValue::date(1e15)}, {"l", list({"\xFF", "good"})}});
   set("a", elected);
-  set("a", poison);
+  set("a", dictionary({{"extension", odd}}));
   set(zero, elected);
-  PlistValue deep = 1;
-  for (int i = 0; i < 126; ++i) deep = list({deep});
-  set("deep", dictionary({{"extension", deep}}));
-  EXPECT_EQ(store->annotationForIdentifier("a")["extension"], poison["extension"]);
-  EXPECT_EQ(log.count("cannot be saved and is kept in memory only"), 2) << log.all();
+  set("deep", nested(100));
+  set("deeper", nested(126));
+  EXPECT_EQ(store->annotationForIdentifier("a")["extension"], odd);
   set("b", elected);
-  EXPECT_EQ(log.count("cannot be saved and is kept in memory only"), 2) << "told once a change";
-
-  const PlistValue saved = fileAt("/store")["data"];
-  EXPECT_EQ(saved.size(), 2U);
-  EXPECT_EQ(saved["b"], elected);
-  EXPECT_EQ(saved["a"],
-            dictionary({{"election", 1},
-                        {"extension", dictionary({{"x\uFFFDy", "x\uFFFDy"}, {"l", list({"\uFFFD", "good"})}})}}));
-}
-
-TEST_F(VKDAnnotationStoreTest, DeepAnnotationsAreReadBack) {
+  EXPECT_EQ(log.count("cannot be saved and is kept in memory only"), 2) << "told once a change" << log;
   start("/store");
-  PlistValue deep = 1;
-  for (int i = 0; i < 100; ++i) deep = list({deep});
-  set("a", dictionary({{"extension", deep}}));
-  start("/store");
-  EXPECT_EQ(store->annotationForIdentifier("a")["extension"], deep);
+  const PlistValue mended = dictionary({{"x\uFFFDy", "x\uFFFDy"}, {"l", list({"\uFFFD", "good"})}});
+  EXPECT_EQ(store->annotationForIdentifier("a"), PlistBuilder(elected).set("extension", mended).take());
+  EXPECT_EQ(store->annotationForIdentifier("b"), elected);
+  EXPECT_EQ(store->annotationForIdentifier("deep"), nested(100));
+  EXPECT_EQ(fileAt("/store")["data"].size(), 3U);
 }
 
 TEST_F(VKDAnnotationStoreTest, ASnapshotStaysAsItWas) {
@@ -194,7 +140,6 @@ TEST_F(VKDAnnotationStoreTest, ASnapshotStaysAsItWas) {
   set("b", elected);
   EXPECT_EQ(snapshot->annotation("a"), elected);
   EXPECT_FALSE(snapshot->annotation("b"));
-  EXPECT_EQ(fileAt("/store")["data"], dictionary({{"b", elected}}));
   snapshot = store->snapshot();
   const AnnotationTable* table = snapshot.get();
   snapshot = nullptr;
