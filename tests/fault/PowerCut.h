@@ -9,7 +9,7 @@
 // first so many writes, all but one, the last one cut short, its length without its content, its end without its
 // beginning. A flush of a file says nothing of its name, one of a directory nothing of the directory's own name.
 //
-// The operations are intercepted in the program that includes this, once: nothing is really flushed.
+// The operations are intercepted in the program that includes this, once.
 #pragma once
 
 #include <dlfcn.h>
@@ -79,33 +79,28 @@ struct Oracle {
 // unnamed one.
 class Trouble {
  public:
-  Trouble(std::string operation, int error) {
-    std::lock_guard lock(mutex());
-    before_ = std::exchange(current(), {std::move(operation), error});
-  }
-  ~Trouble() {
-    std::lock_guard lock(mutex());
-    current() = before_;
-  }
+  Trouble(std::string operation, int error)
+      : operation_(std::move(operation)), error_(error), before_(exchange(this)) {}
+  ~Trouble() { exchange(before_); }
   Trouble(const Trouble&) = delete;
   Trouble& operator=(const Trouble&) = delete;
   static bool hits(std::string_view operation) {
-    std::lock_guard lock(mutex());
-    if (current().second == 0 || current().first != operation) return false;
-    errno = current().second;
+    std::lock_guard lock(mutex_);
+    if (active_ == nullptr || active_->operation_ != operation) return false;
+    errno = active_->error_;
     return true;
   }
 
  private:
-  static std::mutex& mutex() {
-    static std::mutex one;
-    return one;
+  static const Trouble* exchange(const Trouble* next) {
+    std::lock_guard lock(mutex_);
+    return std::exchange(active_, next);
   }
-  static std::pair<std::string, int>& current() {
-    static std::pair<std::string, int> one;
-    return one;
-  }
-  std::pair<std::string, int> before_;
+  static inline std::mutex mutex_;
+  static inline const Trouble* active_ = nullptr;
+  const std::string operation_;
+  const int error_;
+  const Trouble* const before_;
 };
 
 // Scratch folders lie in memory where they can: nothing here is to survive anything.
@@ -113,23 +108,23 @@ inline const bool kInMemory = fs::exists("/dev/shm") && ::setenv("TMPDIR", "/dev
 
 class Recording {
  public:
-  Recording(const support::ScratchRoot& scratch, const std::string& folder)
-      : folder_(folder), name_(folder.substr(1)), above_(scratch.host("/")) {
-    node(above_, true);
-    if (fs::exists(above_ / name_)) nodes_[0].entries[name_] = adopt(above_ / name_);
-    std::lock_guard lock(mutex());
-    active() = this;
+  Recording(const support::ScratchRoot& scratch, const std::string& folder) : name_(folder.substr(1)) {
+    const fs::path above = scratch.host("/");
+    newNode(statusOf(AT_FDCWD, above.c_str()), true);
+    if (fs::exists(above / name_)) adopt(above / name_, 0);
+    std::lock_guard lock(mutex);
+    active = this;
   }
   ~Recording() { stop(); }
   Recording(const Recording&) = delete;
   Recording& operator=(const Recording&) = delete;
   void stop() {
-    std::lock_guard lock(mutex());
-    if (active() == this) active() = nullptr;
+    std::lock_guard lock(mutex);
+    if (active == this) active = nullptr;
   }
   // How many operations there were so far.
   std::size_t now() const {
-    std::lock_guard lock(mutex());
+    std::lock_guard lock(mutex);
     return operations_.size();
   }
 
@@ -150,27 +145,15 @@ class Recording {
 
   // --- What the interceptors tell, under the lock --------------------------------------------------------------------
 
-  static std::mutex& mutex() {
-    static std::mutex one;
-    return one;
-  }
-  static Recording*& active() {
-    static Recording* one = nullptr;
-    return one;
-  }
+  static inline std::mutex mutex;
+  static inline Recording* active = nullptr;
+
   void made(int directory, const char* name, bool isDirectory) {
-    struct stat state {};
-    if (::fstatat(directory, name, &state, AT_SYMLINK_NOFOLLOW) != 0) return;
-    add(Kind::Name, directory, name, "", newNode(state, isDirectory));
+    add(Kind::Name, directory, name, "", newNode(statusOf(directory, name), isDirectory));
   }
-  void madeUnnamed(int file) {
-    struct stat state {};
-    if (::fstat(file, &state) == 0) newNode(state, false);
-  }
+  void madeUnnamed(int file) { newNode(statusOf(file), false); }
   void linked(int directory, const char* name) {
-    struct stat state {};
-    if (::fstatat(directory, name, &state, AT_SYMLINK_NOFOLLOW) == 0)
-      add(Kind::Name, directory, name, "", known(state));
+    add(Kind::Name, directory, name, "", known(statusOf(directory, name)));
   }
   void unlinked(int directory, const char* name) { add(Kind::Unname, directory, name); }
   void renamed(int directory, const char* name, const char* to) { add(Kind::Rename, directory, name, to); }
@@ -190,16 +173,17 @@ class Recording {
     int target;            // Name: what is named
     std::size_t offset;
   };
+  using Operations = std::vector<const Operation*>;
   struct Node {
     bool directory;
     Entries entries;      // at the start
     std::string content;  // at the start
   };
 
-  int node(const fs::path& path, bool directory) {
+  static struct stat statusOf(int directory, const char* name = "") {
     struct stat state {};
-    EXPECT_EQ(::lstat(path.c_str(), &state), 0) << path;
-    return newNode(state, directory);
+    ::fstatat(directory, name, &state, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH);
+    return state;
   }
   int newNode(const struct stat& state, bool directory) {
     int number = static_cast<int>(nodes_.size());
@@ -207,111 +191,86 @@ class Recording {
     numbers_[{state.st_dev, state.st_ino}] = number;
     return number;
   }
-  int adopt(const fs::path& path) {
-    bool directory = fs::is_directory(path);
-    int number = node(path, directory);
-    if (!directory) {
-      nodes_[static_cast<std::size_t>(number)].content = support::ScratchRoot::contents(path);
-      return number;
-    }
-    for (const auto& entry : fs::directory_iterator(path)) {
-      int child = adopt(entry.path());
-      nodes_[static_cast<std::size_t>(number)].entries[entry.path().filename()] = child;
-    }
-    return number;
+  // What was there before.
+  void adopt(const fs::path& path, std::size_t parent) {
+    const bool directory = fs::is_directory(path);
+    const int number = newNode(statusOf(AT_FDCWD, path.c_str()), directory);
+    const auto index = static_cast<std::size_t>(number);
+    nodes_[parent].entries[path.filename()] = number;
+    if (!directory) nodes_[index].content = support::ScratchRoot::contents(path);
+    if (!directory) return;
+    for (const auto& entry : fs::directory_iterator(path)) adopt(entry.path(), index);
   }
   int known(const struct stat& state) const {
     auto found = numbers_.find({state.st_dev, state.st_ino});
     return found == numbers_.end() ? -1 : found->second;
   }
   void add(Kind kind, int fd, std::string name = "", std::string to = "", int target = -1, off_t offset = 0) {
-    struct stat state {};
-    int number = ::fstat(fd, &state) == 0 ? known(state) : -1;
+    int number = known(statusOf(fd));
     if (number < 0 || (number == 0 && kind != Kind::Flush && name != name_)) return;
     operations_.push_back({kind, number, std::move(name), std::move(to), target, static_cast<std::size_t>(offset)});
   }
 
-  // Operations on a node before the cut; *durable is how many of them a flush covers.
-  std::vector<const Operation*> of(int node, std::size_t cut, std::size_t* durable) const {
-    std::vector<const Operation*> result;
-    *durable = 0;
+  // The forms that a cut may leave of a node that started as `form`: those since its last flush, and what `torn` adds
+  // to them before each operation.
+  template <class Form, class Torn>
+  std::set<Form> formsAt(int node, std::size_t cut, Form form, Torn torn) const {
+    Operations pending;
     for (std::size_t i = 0; i < cut; ++i) {
       if (operations_[i].node != node) continue;
-      if (operations_[i].kind == Kind::Flush) {
-        *durable = result.size();
-      } else {
-        result.push_back(&operations_[i]);
-      }
+      pending.push_back(&operations_[i]);
+      if (operations_[i].kind != Kind::Flush) continue;
+      for (const Operation* operation : std::exchange(pending, {})) form = after(std::move(form), *operation);
+    }
+    std::set<Form> result{form};
+    for (; !pending.empty(); pending.erase(pending.begin())) {
+      torn(result, form, pending);
+      form = after(std::move(form), *pending.front());
+      result.insert(form);
     }
     return result;
   }
-  std::vector<Entries> directoriesAt(int node, std::size_t cut) const {
-    std::size_t durable = 0;
-    std::vector<const Operation*> operations = of(node, cut, &durable);
-    Entries entries = nodes_[static_cast<std::size_t>(node)].entries;
-    std::vector<Entries> result;
-    for (std::size_t i = 0; i <= operations.size(); ++i) {
-      if (i >= durable) result.push_back(entries);
-      if (i == operations.size()) break;
-      const Operation& it = *operations[i];
-      if (it.kind == Kind::Name) entries[it.name] = it.target;
-      if (it.kind == Kind::Rename) entries[it.to] = entries[it.name];
-      if (it.kind != Kind::Name) entries.erase(it.name);
-    }
-    return result;
+  static Entries after(Entries entries, const Operation& it) {
+    if (it.kind == Kind::Name) entries[it.name] = it.target;
+    if (it.kind == Kind::Rename) entries[it.to] = entries[it.name];
+    if (it.kind == Kind::Rename || it.kind == Kind::Unname) entries.erase(it.name);
+    return entries;
   }
-  static std::string after(std::string content, const Operation& operation) {
-    if (operation.kind == Kind::Resize) {
-      content.resize(operation.offset);
-    } else {
-      content.resize(std::max(content.size(), operation.offset + operation.name.size()));
-      content.replace(operation.offset, operation.name.size(), operation.name);
-    }
-    return content;
+  static std::string after(std::string content, const Operation& it) {
+    if (it.kind == Kind::Resize) content.resize(it.offset);
+    if (it.kind != Kind::Write) return content;
+    content.resize(std::max(content.size(), it.offset + it.name.size()));
+    return content.replace(it.offset, it.name.size(), it.name);
   }
-  std::set<std::string> contentsAt(int node, std::size_t cut) const {
-    std::size_t durable = 0;
-    std::vector<const Operation*> operations = of(node, cut, &durable);
-    std::string content = nodes_[static_cast<std::size_t>(node)].content;
-    std::set<std::string> result;
-    for (std::size_t i = 0; i <= operations.size(); ++i) {
-      if (i >= durable) result.insert(content);
-      if (i == operations.size()) break;
-      if (i >= durable) {
-        for (const Operation& part : partsOf(*operations[i])) result.insert(after(content, part));
-        std::string others = content;
-        for (std::size_t j = i + 1; j < operations.size(); ++j) others = after(std::move(others), *operations[j]);
-        result.insert(std::move(others));
-      }
-      content = after(std::move(content), *operations[i]);
+  // The next write in part, and all that follow without it.
+  static void tear(std::set<std::string>& result, const std::string& content, const Operations& pending) {
+    const Operation& next = *pending.front();
+    auto addWith = [&](const std::string& written) {
+      Operation part = next;
+      part.name = written;
+      result.insert(after(content, part));
+    };
+    const std::size_t size = next.kind == Kind::Write ? next.name.size() : 0;
+    if (size != 0) {
+      for (std::size_t length : {std::size_t{1}, size / 2, size - 1}) addWith(next.name.substr(0, length));
+      for (std::size_t lost : {size, size / 2}) addWith(std::string(lost, '\0') + next.name.substr(lost));
     }
-    return result;
-  }
-  static std::vector<Operation> partsOf(const Operation& whole) {
-    std::vector<Operation> parts;
-    if (whole.kind != Kind::Write) return parts;
-    std::size_t size = whole.name.size();
-    for (std::size_t length : {std::size_t{1}, size / 2, size - 1}) {
-      parts.push_back(whole);
-      parts.back().name.resize(length);
-    }
-    for (std::size_t lost : {size, size / 2}) {
-      parts.push_back(whole);
-      parts.back().name.replace(0, lost, lost, '\0');
-    }
-    return parts;
+    std::string others = content;
+    for (std::size_t i = 1; i < pending.size(); ++i) others = after(std::move(others), *pending[i]);
+    result.insert(std::move(others));
   }
 
   // Everything that can be left: each node in each of its forms.
   std::vector<Tree> treesAt(std::size_t cut) const {
     std::vector<Tree> result;
-    std::map<int, std::vector<Entries>> directories;
+    std::map<int, std::set<Entries>> directories;
     std::map<int, std::set<std::string>> files;
     for (int i = 0; i < static_cast<int>(nodes_.size()); ++i) {
-      if (nodes_[static_cast<std::size_t>(i)].directory) {
-        directories[i] = directoriesAt(i, cut);
+      const Node& node = nodes_[static_cast<std::size_t>(i)];
+      if (node.directory) {
+        directories[i] = formsAt(i, cut, node.entries, [](auto&&...) {});
       } else {
-        files[i] = contentsAt(i, cut);
+        files[i] = formsAt(i, cut, node.content, tear);
       }
     }
     using Place = std::pair<std::string, int>;
@@ -319,27 +278,23 @@ class Recording {
       if (open.empty()) return result.push_back(std::move(tree));
       auto [path, at] = std::move(open.back());
       open.pop_back();
-      if (auto directory = directories.find(at); directory != directories.end()) {
-        for (const Entries& entries : directory->second) {
-          Tree larger = tree;
-          if (at != 0) larger[path + "/"];
-          std::vector<Place> more = open;
-          for (const auto& [name, child] : entries) more.emplace_back(path + "/" + name, child);
-          self(self, std::move(larger), std::move(more));
-        }
-      } else {
-        for (const std::string& content : files.at(at)) {
-          tree[path] = content;
-          self(self, tree, open);
-        }
+      for (const Entries& entries : directories[at]) {
+        Tree larger = tree;
+        if (at != 0) larger[path + "/"];
+        std::vector<Place> more = open;
+        for (const auto& [name, child] : entries) more.emplace_back(path + "/" + name, child);
+        self(self, std::move(larger), std::move(more));
+      }
+      for (const std::string& content : files[at]) {
+        tree[path] = content;
+        self(self, tree, open);
       }
     };
     grow(grow, {}, {{"", 0}});
     return result;
   }
 
-  const std::string folder_, name_;
-  const fs::path above_;
+  const std::string name_;
   std::vector<Node> nodes_;  // the first is the folder above
   std::map<std::pair<dev_t, ino_t>, int> numbers_;
   std::vector<Operation> operations_;
@@ -365,10 +320,10 @@ Function next(const char* name) {
 // Runs an operation and tells of it when it succeeded.
 template <class Operate, class Tell>
 auto recorded(Operate operate, Tell tell) {
-  std::lock_guard lock(Recording::mutex());
+  std::lock_guard lock(Recording::mutex);
   auto result = operate();
   int error = errno;
-  if (result >= 0 && Recording::active() != nullptr) tell(*Recording::active(), result);
+  if (result >= 0 && Recording::active != nullptr) tell(*Recording::active, result);
   errno = error;
   return result;
 }
@@ -383,12 +338,6 @@ auto recorded(Operate operate, Tell tell) {
     return fault::recorded([&]() -> Result { return real arguments; },                                            \
                            [&](fault::Recording& recording, [[maybe_unused]] Result result) { recording.tell; }); \
   }
-#define INTERCEPT_FLUSH(name)                                                                                    \
-  extern "C" int name(int fd) {                                                                                  \
-    if (fault::Trouble::hits(#name)) return -1;                                                                  \
-    return fault::recorded([] { return 0; }, [fd](fault::Recording& recording, int) { recording.flushed(fd); }); \
-  }
-
 INTERCEPT(ssize_t, write, (int fd, const void* bytes, size_t size), (fd, bytes, size),
           wrote(fd, ::lseek(fd, 0, SEEK_CUR) - result, bytes, result))
 INTERCEPT(ssize_t, pwrite, (int fd, const void* bytes, size_t size, off_t offset), (fd, bytes, size, offset),
@@ -405,8 +354,8 @@ extern "C" ssize_t read(int fd, void* bytes, size_t size) {
   static auto real = fault::next<ssize_t (*)(int, void*, size_t)>("read");
   return fault::Trouble::hits("read") ? -1 : real(fd, bytes, size);
 }
-INTERCEPT_FLUSH(fsync)
-INTERCEPT_FLUSH(fdatasync)
+INTERCEPT(int, fsync, (int fd), (fd), flushed(fd))
+INTERCEPT(int, fdatasync, (int fd), (fd), flushed(fd))
 
 extern "C" int openat(int fd, const char* name, int flags, ...) {
   static auto real = fault::next<int (*)(int, const char*, int, ...)>("openat");
