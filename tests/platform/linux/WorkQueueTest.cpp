@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -13,6 +14,7 @@
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/WorkQueue.h"
 #include "tests/Support/CapturedLog.h"
+#include "tests/Support/ChildProgram.h"
 
 namespace platform {
 namespace {
@@ -26,66 +28,53 @@ constexpr auto kPatience = 20s;
 struct WorkQueues : testing::Test {
   std::shared_ptr<WorkQueue> outer(const char* label) { return queues->serial(label, Order::Outer); }
   std::shared_ptr<WorkQueue> leaf(const char* label) { return queues->serial(label, Order::Leaf); }
-  // Waits until what was handed in before has run.
-  static void settle(WorkQueue& queue) {
-    auto done = std::make_shared<std::promise<void>>();
-    queue.async([done] { done->set_value(); });
-    ASSERT_EQ(done->get_future().wait_for(kPatience), std::future_status::ready);
+  static bool isKept(std::promise<void>& promise) {
+    return promise.get_future().wait_for(kPatience) == std::future_status::ready;
   }
   std::shared_ptr<WorkQueueFactory> queues = makeWorkQueues();
 };
 
 TEST_F(WorkQueues, RunOneItemAtATimeInTheOrderOfEachCaller) {
   auto queue = outer("busy");
-  constexpr int kThreads = 4;
+  constexpr std::size_t kThreads = 4;
   constexpr int kItems = 2000;
-  std::vector<int> last(kThreads, -1);  // guarded by the queue
+  std::array<int, kThreads> next{};  // guarded by the queue
   int inside = 0;
   int wrong = 0;
-  auto item = [&](int thread, int number) {
-    wrong += ++inside != 1 || last[static_cast<std::size_t>(thread)] != number - 1;
-    last[static_cast<std::size_t>(thread)] = number;
-    --inside;
-  };
   std::vector<std::thread> threads;
-  for (int thread = 0; thread < kThreads; ++thread) {
+  for (std::size_t thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (int number = 0; number < kItems; ++number) {
-        if ((number * 7 + thread) % 3 == 0) {
-          queue->sync([&] { item(thread, number); });
+        auto item = [&, thread, number] {
+          wrong += ++inside != 1 || next[thread]++ != number;
+          --inside;
+        };
+        if ((static_cast<std::size_t>(number) * 7 + thread) % 3 == 0) {
+          queue->sync(item);
         } else {
-          queue->async([&item, thread, number] { item(thread, number); });
+          queue->async(item);
         }
       }
     });
   }
   for (auto& thread : threads) thread.join();
-  settle(*queue);
+  EXPECT_EQ(queue->sync([&] { return next; }), (std::array<int, kThreads>{kItems, kItems, kItems, kItems}));
   EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(last, std::vector<int>(kThreads, kItems - 1));
 }
 
 TEST_F(WorkQueues, SyncRunsOnTheCallerAfterWhatWaits) {
   auto queue = outer("turns");
   EXPECT_EQ(queue->sync([] { return std::this_thread::get_id(); }), std::this_thread::get_id());
-
-  std::promise<void> running;
   std::promise<void> gate;
   std::string order;
-  queue->async([&] {
-    running.set_value();
-    gate.get_future().wait();
-    order += 'a';
-  });
-  running.get_future().wait();
+  queue->async([&] { isKept(gate); });
   queue->async([&] { order += 'b'; });
   std::thread other([&] { queue->sync([&] { order += 'c'; }); });
   std::this_thread::sleep_for(20ms);  // most likely enough for the other thread to be in line
   gate.set_value();
   other.join();
   queue->async([&] { order += 'd'; });
-  settle(*queue);
-  EXPECT_EQ(order, "abcd");
+  EXPECT_EQ(queue->sync([&] { return order; }), "bcd");
 }
 
 TEST_F(WorkQueues, SurviveExceptions) {
@@ -93,9 +82,8 @@ TEST_F(WorkQueues, SurviveExceptions) {
   auto queue = outer("brave");
   EXPECT_THROW(queue->sync([] { throw std::runtime_error("mine"); }), std::runtime_error);
   queue->async([] { throw std::runtime_error("escaped"); });
-  settle(*queue);
-  EXPECT_TRUE(log.has(LogLevel::Fault, "default", "exception on queue \"brave\": escaped")) << log;
   EXPECT_EQ(queue->sync([] { return 7; }), 7);
+  EXPECT_TRUE(log.has(LogLevel::Fault, "default", "exception on queue \"brave\": escaped")) << log;
 }
 
 TEST_F(WorkQueues, StopTheProcessOnAWrongOrder) {
@@ -113,20 +101,17 @@ TEST_F(WorkQueues, StopTheProcessOnAWrongOrder) {
 // Delivers one event for each signal().
 class Signal : public EventSource {
  public:
-  Signal(std::shared_ptr<EventLoop> loop, std::function<void()> handler)
-      : loop_(std::move(loop)), handler_(std::move(handler)) {}
+  explicit Signal(std::function<void()> handler) : handler_(std::move(handler)) {}
   static std::shared_ptr<Signal> on(const std::shared_ptr<EventLoop>& loop, std::function<void()> handler) {
-    auto signal = std::make_shared<Signal>(loop->reference(), std::move(handler));
-    EXPECT_NE(loop->watch(signal->fd_.get(), EPOLLIN, signal), 0u);
+    auto signal = std::make_shared<Signal>(std::move(handler));
+    signal->loop_ = loop->reference();
+    EXPECT_NE(loop->watch(signal->fd_.get(), EPOLLIN, signal), 0U);
     return signal;
   }
-  void signal() {
-    std::uint64_t one = 1;
-    EXPECT_EQ(::write(fd_.get(), &one, sizeof one), 8);
-  }
+  void signal() { EXPECT_EQ(::eventfd_write(fd_.get(), 1), 0); }
   void ready(std::uint32_t) override {
-    std::uint64_t count = 0;
-    if (::read(fd_.get(), &count, sizeof count) == sizeof count) handler_();
+    eventfd_t count = 0;
+    if (::eventfd_read(fd_.get(), &count) == 0) handler_();
   }
 
  private:
@@ -177,8 +162,7 @@ TEST_F(Loop, IsNotHeldUpByLongWork) {
   auto first = Signal::on(loop, [&] {
     service->async([&] {
       later->signal();
-      delivered.get_future().wait();
-      drained.get_future().wait();
+      EXPECT_TRUE(isKept(delivered) && isKept(drained));
       holds->sync([&] { ++entered; });
       done.set_value();
     });
@@ -187,7 +171,7 @@ TEST_F(Loop, IsNotHeldUpByLongWork) {
     holds->sync([&] { ++entered; });
   });
   first->signal();
-  ASSERT_EQ(done.get_future().wait_for(kPatience), std::future_status::ready);
+  ASSERT_TRUE(isKept(done));
   EXPECT_EQ(entered, 3);
 }
 
@@ -207,11 +191,7 @@ TEST_F(Loop, KeepsServingWhileTheLeadChangesHands) {
     for (auto& source : sources) source->signal();
     if (round % 100 == 0) std::this_thread::sleep_for(30ms);  // the standby falls asleep
   }
-  for (auto end = std::chrono::steady_clock::now() + kPatience;
-       handled < 900 && std::chrono::steady_clock::now() < end;) {
-    std::this_thread::sleep_for(1ms);
-  }
-  EXPECT_EQ(handled, 900);
+  EXPECT_TRUE(support::eventually([&] { return handled == 900; })) << handled;
 }
 
 TEST_F(Loop, EndsWhereverItsLastOwnerLetsGo) {
@@ -222,7 +202,7 @@ TEST_F(Loop, EndsWhereverItsLastOwnerLetsGo) {
     released.set_value();
   });
   source->signal();
-  EXPECT_EQ(released.get_future().wait_for(kPatience), std::future_status::ready);
+  EXPECT_TRUE(isKept(released));
 }
 
 }  // namespace
