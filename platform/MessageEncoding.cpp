@@ -1,4 +1,5 @@
 // The wire form of messages: Message.h has the picture.
+#include <algorithm>
 #include <cstring>
 
 #include "platform/Message.h"
@@ -16,6 +17,8 @@ using plist_encoding::readU32;
 namespace {
 
 constexpr std::size_t kUUIDSize = 1 + sizeof(UUID);
+// Entries for which room is made at once; a count beyond is believed as the entries come.
+constexpr std::size_t kEntriesOfMostMessages = 4;
 
 class Encoder {
  public:
@@ -236,6 +239,7 @@ class Decoder {
   }
   bool dictionary(Message& out, std::uint32_t count, std::size_t depth) {
     Message::Dictionary entries;
+    entries.reserve(std::min<std::size_t>(count, kEntriesOfMostMessages));
     for (std::uint32_t i = 0; i < count; ++i) {
       if (!has(kKeyHead) || !has(kKeyHead + std::size_t{readU32(at_)})) return false;
       std::string_view key(at_ + kKeyHead, readU32(at_));

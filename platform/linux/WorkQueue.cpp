@@ -157,9 +157,12 @@ void SerialQueue::passOn() {
   schedule();
 }
 
-// Gives the next asynchronous item. False when the queue is no longer this thread's.
-bool SerialQueue::takeNext(std::function<void()>& item) {
+// Gives the next asynchronous item to a thread that found the queue in this state. False when the queue is not, or no
+// longer, this thread's.
+bool SerialQueue::takeNext(State found, std::function<void()>& item) {
   std::lock_guard lock(mutex_);
+  if (state_ != found) return false;
+  state_ = State::Running;
   if (items_.empty()) {
     state_ = State::Idle;
     return false;
@@ -176,14 +179,9 @@ bool SerialQueue::takeNext(std::function<void()>& item) {
 }
 
 void SerialQueue::drain() {
-  {
-    std::lock_guard lock(mutex_);
-    if (state_ != State::Scheduled) return;
-    state_ = State::Running;
-  }
   Turn turn(this);
   std::function<void()> item;
-  while (takeNext(item)) {
+  for (State found = State::Scheduled; takeNext(found, item); found = State::Running) {
     runLogged(label_, item);
     item = nullptr;  // what it holds is let go on the queue, and before the next one runs
   }

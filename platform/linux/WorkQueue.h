@@ -82,7 +82,7 @@ class SerialQueue final : public WorkQueue, public std::enable_shared_from_this<
   void waitForTurn(std::unique_lock<std::mutex>& lock);
   void schedule();
   void passOn();
-  bool takeNext(std::function<void()>& item);
+  bool takeNext(State found, std::function<void()>& item);
 
   const std::string label_;
   const Order order_;
