@@ -36,7 +36,7 @@ std::string_view executableName(const PlistValue& manifest) {
 }
 
 RegistryBundle::RegistryBundle(const DeviceRoot& root, std::string canonicalPath, int folder)
-    : root_(root), path_(std::move(canonicalPath)) {
+    : root_(&root), path_(std::move(canonicalPath)) {
   constexpr int kFlags = O_PATH | O_DIRECTORY;
   if (folder < 0) {
     directory_ = root.openWithoutLinks(path_, kFlags);
@@ -65,7 +65,7 @@ void RegistryBundle::note(int errorNumber) const { failed_ = failed_ || isPassin
 UniqueFd RegistryBundle::openInside(int parent, const char* name, const std::string& path) {
   UniqueFd opened(::openat(parent, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   // A link is refused as what is no directory; where it leads to, inside the device, there may be one.
-  if (!opened && errno == ENOTDIR) opened = root_.open(path, O_PATH | O_DIRECTORY);
+  if (!opened && errno == ENOTDIR) opened = root_->open(path, O_PATH | O_DIRECTORY);
   if (!opened) note(errno);
   return opened;
 }
@@ -73,7 +73,7 @@ UniqueFd RegistryBundle::openInside(int parent, const char* name, const std::str
 FileStamp RegistryBundle::stampOf(int directory, const std::string& folder, const std::string& name) const {
   struct stat state {};
   bool found = ::fstatat(directory, name.c_str(), &state, AT_SYMLINK_NOFOLLOW) == 0;
-  if (found && S_ISLNK(state.st_mode)) found = root_.stat(folder + "/" + name, &state);
+  if (found && S_ISLNK(state.st_mode)) found = root_->stat(folder + "/" + name, &state);
   if (!found) note(errno);
   return found ? FileStamp::of(state) : FileStamp();
 }
@@ -102,7 +102,7 @@ PlistValue RegistryBundle::readManifest(DomainError* error) {
                            O_PATH | O_NOFOLLOW | O_CLOEXEC));
   UniqueFd file = handle ? reopenRegularFile(handle.get()) : UniqueFd();
   // What is no regular file may be a link to one.
-  if (handle && !file && errno == EINVAL) file = root_.openRegularFile(path);
+  if (handle && !file && errno == EINVAL) file = root_->openRegularFile(path);
   std::optional<std::string> bytes = file ? readAll(file.get(), kMaxPlistFileBytes) : std::nullopt;
   if (!bytes) {
     note(errno);
@@ -127,10 +127,10 @@ PlistValue RegistryBundle::readEntitlements(const PlistValue& manifest) const {
   if (::fstatat(directory, name.c_str(), &beside, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) return {};
   const std::string path = executableFolder() + "/" + std::string(executable);
   struct stat state {};
-  if (!root_.stat(path, &state)) note(errno);
+  if (!root_->stat(path, &state)) note(errno);
   if (!S_ISREG(state.st_mode)) return {};
   std::optional<DomainError> error;
-  PlistValue entitlements = platform::readEntitlements(root_, path, &error);
+  PlistValue entitlements = platform::readEntitlements(*root_, path, &error);
   if (error) VK_LOG(defaultLog(), Error, "ignoring entitlements: %{public}@", *error);
   if (error && error->isInDomain(FileErrorDomain)) note(static_cast<int>(error->code));
   if (entitlements.encodedSize() <= kMaxKeptBytes) return entitlements;

@@ -56,7 +56,7 @@ class RegistryBundle {
   std::string executableFolder() const;
   void note(int errorNumber) const;
 
-  const DeviceRoot& root_;
+  const DeviceRoot* root_;
   std::string path_;
   UniqueFd directory_;
   UniqueFd contents_;

@@ -72,7 +72,7 @@ void RegistryInventory::lookAtApplication(const std::string& path) {
   if (!found.exists() || !wanted) return dropApplication(path);
   Application& application = makeApplication(path);
   application.pass = pass_;
-  holdAll(application.holds, found, kWatchedOfApplication);
+  watch(application.holds, kWatchedOfApplication, found);
   if (!readApplication(path, application, found)) return retry(RegistryUnit::Kind::Application, path);
   attachFolder(application, found);
 }
@@ -103,7 +103,10 @@ std::optional<std::string> RegistryInventory::placeOfPlugIns(const std::string& 
   struct stat state {};
   bool link = canonical ? *canonical != path : context_->root->linkStat(path, &state) && S_ISLNK(state.st_mode);
   if (link) {
+    // Where it leads to is looked at when the way there is watched.
     follower_.follow(path, RegistryPathFollower::Link);
+    canonical = context_->root->canonicalPath(path);
+    if (!canonical && isPassingError(errno)) return std::nullopt;
   } else {
     follower_.unfollow(path, RegistryPathFollower::Link);
   }

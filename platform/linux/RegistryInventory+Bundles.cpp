@@ -50,7 +50,7 @@ void RegistryInventory::lookAtBundle(Folder& folder, const std::string& name, in
   }
   Bundle& bundle = known != folder.bundles.end() ? known->second : folder.bundles[name];
   bundle.visit = visit_;
-  if (watchesBundles_) holdAll(bundle.holds, found, bundle.holds.size());
+  if (watchesBundles_) watch(bundle.holds, bundle.holds.size(), found, directory);
   compare(folder, path, bundle, found);
 }
 

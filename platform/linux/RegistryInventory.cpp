@@ -142,14 +142,25 @@ void RegistryInventory::hold(RegistryWatcher::Hold& hold, const std::string& pat
   }
 }
 
-void RegistryInventory::holdAll(Holds& holds, const RegistryBundle& found, std::size_t count) {
+// True when some of it was not watched before.
+bool RegistryInventory::holdAll(Holds& holds, const RegistryBundle& found, std::size_t count) {
+  bool news = false;
   std::vector<RegistryBundle::Directory> directories = found.directories();
   for (std::size_t i = 0; i < count; ++i) {
     if (i < directories.size()) {
-      watcher_.hold(holds[i], directories[i].path, directories[i].fd, RegistryWatcher::Changes::Content);
+      news |= watcher_.hold(holds[i], directories[i].path, directories[i].fd, RegistryWatcher::Changes::Content);
     } else {
       watcher_.release(holds[i]);
     }
+  }
+  return news;
+}
+
+// Which directories there are to watch is only known by looking: what was found before they were watched is looked at
+// again. After that they can only be others because of changes that are told.
+void RegistryInventory::watch(Holds& holds, std::size_t count, RegistryBundle& found, int directory) {
+  for (std::size_t level = 0; level < count && holdAll(holds, found, count); ++level) {
+    found = RegistryBundle(*context_->root, found.path(), directory);
   }
 }
 

@@ -153,7 +153,8 @@ class RegistryInventory {
 
   // Following.
   void hold(RegistryWatcher::Hold& hold, const std::string& path, RegistryWatcher::Changes changes);
-  void holdAll(Holds& holds, const RegistryBundle& found, std::size_t count);
+  bool holdAll(Holds& holds, const RegistryBundle& found, std::size_t count);
+  void watch(Holds& holds, std::size_t count, RegistryBundle& found, int directory = -1);
   void releaseAll(Holds& holds);
   void noteBundleEvent(const std::string& directory);
   void noteApplicationEvent(const std::string& directory, std::string_view name);

@@ -33,8 +33,8 @@ void RegistryWatcher::complain(int errorNumber) {
   }
 }
 
-void RegistryWatcher::hold(Hold& hold, const std::string& path, int directory, Changes changes) {
-  if (!fd_) return;
+bool RegistryWatcher::hold(Hold& hold, const std::string& path, int directory, Changes changes) {
+  if (!fd_) return false;
   // By the open descriptor: a path might lead elsewhere meanwhile.
   char link[32];
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", directory);
@@ -42,14 +42,15 @@ void RegistryWatcher::hold(Hold& hold, const std::string& path, int directory, C
   if (watch < 0) {
     if (errno != ENOENT && errno != ENOTDIR) complain(errno);
     release(hold);
-    return;
+    return false;
   }
   Watch& known = watches_[watch];
   if (known.path != path) known.path = path;
-  if (hold == watch) return;
+  if (hold == watch) return false;
   ++known.holds;
   release(hold);
   hold = watch;
+  return true;
 }
 
 void RegistryWatcher::release(Hold& hold) {

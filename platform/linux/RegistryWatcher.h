@@ -28,8 +28,8 @@ class RegistryWatcher {
   // To wait on for reading; negative without the kernel's help.
   int fd() const { return fd_.get(); }
   // Watches the directory that is open here, and lets go of the one that was held before. From now on each change is
-  // told, so what is looked at next is not missed.
-  void hold(Hold& hold, const std::string& path, int directory, Changes changes);
+  // told; true when it was not before, so that what was looked at already must be looked at again.
+  bool hold(Hold& hold, const std::string& path, int directory, Changes changes);
   void release(Hold& hold);
 
   // Tells all that happened since: `name` is empty when the directory itself was moved, deleted or changed. False when
