@@ -12,7 +12,7 @@ using namespace platform::testing;
 
 namespace {
 
-constexpr Steps kAByte{96, 300};
+constexpr Steps kAByte{96, 1000};
 
 }
 

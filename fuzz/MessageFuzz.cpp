@@ -11,7 +11,7 @@ using namespace platform::testing;
 
 namespace {
 
-constexpr Steps kAByte{256, 300};
+constexpr Steps kAByte{256, 1000};
 
 }
 

@@ -11,7 +11,7 @@ using namespace platform::testing;
 
 namespace {
 
-constexpr Steps kAByte{0, 50};
+constexpr Steps kAByte{0, 100};
 
 PlistValue rebuilt(const PlistValue& value) {
   if (value.isDictionary()) {

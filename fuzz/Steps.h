@@ -5,12 +5,13 @@
 
 #include <sanitizer/allocator_interface.h>
 
-#include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <thread>
 
 namespace platform::testing {
 
@@ -20,9 +21,10 @@ struct Steps {
 };
 
 // What a call costs whatever its input is: the buffers of an error's text, the clock.
-inline constexpr Steps kStepsOfCall{4096, 200'000};
-// A thread that is moved to another core or finds its cache empty is slow once, not each time.
+inline constexpr Steps kStepsOfCall{4096, 500'000};
+// A machine that is lent to others is slow for a while: it is tried again after ever longer pauses.
 inline constexpr int kTries = 8;
+inline constexpr std::chrono::milliseconds kPause{20};
 
 inline std::uint64_t& allocatedHere() {
   static thread_local std::uint64_t bytes = 0;
@@ -50,6 +52,7 @@ auto withinSteps(std::size_t inputBytes, Steps aByte, Decode decode) {
     taken = {allocatedHere() - allocatedBefore, threadNanoseconds() - timeBefore};
     if (taken.allocated <= mostAllocated && taken.nanoseconds <= mostTime) return result;
     if (attempt == kTries || taken.allocated > mostAllocated) break;
+    std::this_thread::sleep_for(attempt * kPause);
   }
   std::fprintf(stderr, "too dear for %zu bytes: %llu bytes allocated of %llu, %llu ns of %llu\n", inputBytes,
                static_cast<unsigned long long>(taken.allocated), static_cast<unsigned long long>(mostAllocated),

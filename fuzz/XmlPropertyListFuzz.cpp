@@ -12,8 +12,8 @@ using namespace platform::testing;
 
 namespace {
 
-constexpr Steps kAByteRead{256, 300};
-constexpr Steps kAByteWritten{512, 300};
+constexpr Steps kAByteRead{256, 1000};
+constexpr Steps kAByteWritten{512, 1000};
 
 }  // namespace
 
