@@ -46,43 +46,20 @@ class ActivationRule : public ::testing::Test {
   PlistValue items_ = items({{kJpeg, kJpeg}, {kUrl}});
 };
 
-TEST_F(ActivationRule, IsABooleanOrSomethingUnderstood) {
-  EXPECT_TRUE(accepts(true));
-  EXPECT_FALSE(accepts(false));
-  for (const PlistValue& rule : {PlistValue(), PlistValue::data("x"), PlistValue::array({true})}) {
-    EXPECT_FALSE(accepts(rule));
-  }
-}
-
 TEST_F(ActivationRule, Compares) {
   for (const char* holds :
-       {"TRUEPREDICATE",
-        "not falsepredicate",
-        "count == 2",
-        "count = 2.0",
-        "count != 3",
-        "count <> '2'",
-        "count >= 2",
-        "count => 2",
-        "count < 2.5",
-        "count <= 2",
-        "missing != 'x'",
-        "missing.@count == 0",
-        "count.@count = 1",
-        "'b' > 'a' && 'a' < 'b'",
-        "'a.b' UTI-CONFORMS-TO 'a'",
-        "\"it's\" == 'it\\'s'",
-        "'abc' BEGINSWITH 'ab'",
-        "'abc' endswith 'bc'",
-        "'abc' CONTAINS 'b'",
-        "extensionItems.note CONTAINS 'two words'",
-        "extensionItems.@count == 2",
-        "extensionItems.attachments.@count == 3",
+       {"TRUEPREDICATE", "not falsepredicate", "count == 2", "count = 2.0", "count != 3", "count <> '2'", "count >= 2",
+        "count => 2", "count < 2.5", "count <= 2", "missing != 'x'", "missing.@count == 0", "count.@count = 1",
+        "'b' > 'a' && 'a' < 'b'", "'a.b' UTI-CONFORMS-TO 'a'", "'abc' BEGINSWITH 'ab'", "'abc' endswith 'bc'"}) {
+    EXPECT_TRUE(accepts(holds)) << holds;
+  }
+  for (const char* holds :
+       {"'abc' CONTAINS 'b' AND \"it's\" == 'it\\'s'", "extensionItems.note CONTAINS 'two words'",
+        "extensionItems.@count == 2 AND extensionItems.attachments.@count == 3",
         "ANY extensionItems.attachments.registeredTypeIdentifiers UTI-CONFORMS-TO 'public.image'",
         "NOT ANY extensionItems.attachments.registeredTypeIdentifiers UTI-CONFORMS-TO 'public.movie'",
         "FALSEPREDICATE AND FALSEPREDICATE OR TRUEPREDICATE",
-        "FALSEPREDICATE AND (FALSEPREDICATE OR TRUEPREDICATE) || 1=1",
-        "TRUE == 1 AND FALSE != TRUE",
+        "FALSEPREDICATE AND (FALSEPREDICATE OR TRUEPREDICATE) || 1=1", "TRUE == 1 AND FALSE != TRUE",
         "SUBQUERY(extensionItems, $i, $i.attachments.@count == 2).attachments.@count == 2",
         "SUBQUERY(extensionItems, $i, SUBQUERY($i.attachments, $a, ANY $a.registeredTypeIdentifiers UTI-CONFORMS-TO "
         "'public.image').@count == $i.attachments.@count).@count == 1"}) {
@@ -94,40 +71,42 @@ TEST_F(ActivationRule, Compares) {
         "1 CONTAINS 1", "TRUEPREDICATE AND FALSEPREDICATE", "NOT (FALSEPREDICATE OR TRUEPREDICATE)"}) {
     EXPECT_FALSE(accepts(fails)) << fails;
   }
+  EXPECT_TRUE(accepts(true));
+  for (const PlistValue& rule : {PlistValue(), PlistValue(false), PlistValue::data("x"), PlistValue::array({true})}) {
+    EXPECT_FALSE(accepts(rule));
+  }
 }
 
 TEST_F(ActivationRule, NotUnderstoodAcceptsNothingAndIsSaidOnce) {
-  for (const std::string& rule :
-       std::vector<std::string>{"",
-                                "count",
-                                "count ==",
-                                "== 2",
-                                "count == 2 extra",
-                                "(count == 2",
-                                "count == 'open",
-                                "count == $x",
-                                "a..b == 1",
-                                "count.@sum == 1",
-                                "@max == 1",
-                                "SUBQUERY(extensionItems, $i)",
-                                "SUBQUERY(extensionItems, i, TRUEPREDICATE) == 1",
-                                "NOT NOT",
-                                "count == 2 AND",
-                                "count # 2",
-                                "count ==\xff 2",
-                                "-",
-                                "$ == 1",
-                                std::string(100, '(') + "TRUEPREDICATE" + std::string(100, ')'),
-                                std::string(100000, '!') + "TRUEPREDICATE",
-                                "'" + std::string(100000, 'x') + "' == 1"}) {
+  std::vector<std::string> rules{"",
+                                 "count",
+                                 "count ==",
+                                 "== 2",
+                                 "count == 2 extra",
+                                 "(count == 2",
+                                 "count == 'open",
+                                 "count == $x",
+                                 "a..b == 1",
+                                 "count.@sum == 1",
+                                 "@max == 1",
+                                 "NOT NOT",
+                                 "-",
+                                 "$ == 1",
+                                 "count == 2 AND",
+                                 "count # 2",
+                                 "count ==\xff 2",
+                                 "SUBQUERY(extensionItems, $i)"};
+  rules.push_back("SUBQUERY(extensionItems, i, TRUEPREDICATE) == 1");
+  rules.push_back(std::string(100, '(') + "TRUEPREDICATE" + std::string(100, ')'));
+  rules.push_back(std::string(100000, '!') + "TRUEPREDICATE");
+  rules.push_back("'" + std::string(100000, 'x') + "' == 1");
+  for (const std::string& rule : rules) {
+    SCOPED_TRACE(rule.substr(0, 80));
     support::CapturedLog log(LogLevel::Info);
-    EXPECT_FALSE(accepts(rule)) << rule.substr(0, 80);
-    EXPECT_EQ(log.lines().size(), 1U) << rule.substr(0, 80);
-    EXPECT_FALSE(accepts("NOT (" + rule + ")")) << rule.substr(0, 80);
+    for (int time = 0; time < (rule.size() < 100 ? 2 : 1); ++time) EXPECT_FALSE(accepts(rule));
+    EXPECT_EQ(log.lines().size(), 1U) << log;
+    EXPECT_FALSE(accepts("NOT (" + rule + ")"));
   }
-  support::CapturedLog log(LogLevel::Info);
-  accepts("count ==");
-  EXPECT_EQ(log.lines().size(), 0U) << log;
 }
 
 TEST_F(ActivationRule, ThatTakesTooManyStepsAcceptsNothing) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <set>
@@ -57,16 +58,21 @@ TEST_P(OpenInRoot, FailsAsOpeningDoes) {
   scratch_.link("/loop2", "/loop1");
   scratch_.link("/loop1", "/loop2");
   scratch_.link("/made", "/dangling");
-  auto errorOf = [&](const std::string& path, int flags) { return open(path, flags) ? 0 : errno; };
-  EXPECT_EQ(errorOf("/file/below", O_RDONLY), ENOTDIR);
-  EXPECT_EQ(errorOf("/file/", O_RDONLY), ENOTDIR);
-  EXPECT_EQ(errorOf("/loop1", O_RDONLY), ELOOP);
-  EXPECT_EQ(errorOf("/dangling", O_RDONLY | O_NOFOLLOW), ELOOP);
-  EXPECT_EQ(errorOf("/dangling", O_PATH | O_NOFOLLOW), 0);
-  EXPECT_EQ(errorOf("/dangling", O_WRONLY | O_CREAT | O_EXCL), EEXIST);
-  EXPECT_EQ(errorOf("/" + std::string(300, 'n'), O_RDONLY), ENAMETOOLONG);
-  EXPECT_EQ(errorOf("/none/file", O_WRONLY | O_CREAT), ENOENT);
-  EXPECT_EQ(errorOf("/dangling", O_WRONLY | O_CREAT), 0);
+  const struct {
+    std::string path;
+    int flags, error;
+  } cases[] = {
+      {"/file/below", O_RDONLY, ENOTDIR},
+      {"/file/", O_RDONLY, ENOTDIR},
+      {"/loop1", O_RDONLY, ELOOP},
+      {"/dangling", O_RDONLY | O_NOFOLLOW, ELOOP},
+      {"/dangling", O_PATH | O_NOFOLLOW, 0},
+      {"/dangling", O_WRONLY | O_CREAT | O_EXCL, EEXIST},
+      {"/" + std::string(300, 'n'), O_RDONLY, ENAMETOOLONG},
+      {"/none/file", O_WRONLY | O_CREAT, ENOENT},
+      {"/dangling", O_WRONLY | O_CREAT, 0},
+  };
+  for (const auto& [path, flags, error] : cases) EXPECT_EQ(open(path, flags) ? 0 : errno, error) << path << flags;
   EXPECT_TRUE(std::filesystem::exists(scratch_.host("/made")));
 }
 
@@ -90,166 +96,114 @@ TEST_P(OpenInRoot, NeverOpensTheCanaryHoweverFastLinksAreSwapped) {
   EXPECT_TRUE(seen.contains("inside"));
 }
 
-TEST(DeviceRoot, OpensOnlyRegularFilesAndNeverWaits) {
-  ScratchRoot scratch;
-  scratch.write("/file", "text");
-  scratch.link("/file", "/link");
-  ASSERT_EQ(::mkfifo(scratch.host("/fifo").c_str(), 0644), 0);
-  EXPECT_TRUE(scratch.root()->openRegularFile("/link"));
-  for (const char* path : {"/fifo", "/"}) {
-    EXPECT_FALSE(scratch.root()->openRegularFile(path));
-    EXPECT_EQ(errno, EINVAL) << path;
-  }
-  EXPECT_FALSE(scratch.root()->open("relative", O_RDONLY));
-  EXPECT_FALSE(scratch.root()->open(std::string("/file\0/x", 8), O_RDONLY));
-  EXPECT_FALSE(DeviceRoot(scratch.outside("missing").string()).open("/", O_RDONLY));
-  EXPECT_EQ(errno, ENOENT);
-}
+class OnDevice : public ::testing::Test {
+ protected:
+  ScratchRoot scratch_;
+  const DeviceRoot& root_ = *scratch_.root();
+};
 
-TEST(DeviceRoot, NamesWhatExistsByOnePath) {
-  ScratchRoot scratch;
-  scratch.write("/Applications/A.app/x (deleted)", "");
-  scratch.link("/Applications", "/apps");
-  const DeviceRoot& root = *scratch.root();
-  EXPECT_EQ(root.canonicalPath("/apps/../apps/./A.app/"), "/Applications/A.app");
-  EXPECT_EQ(root.canonicalPath("/apps/A.app/x (deleted)"), "/Applications/A.app/x (deleted)");
-  EXPECT_EQ(root.canonicalPath("/.."), "/");
-  EXPECT_EQ(root.canonicalPath("/apps/missing"), std::nullopt);
-  EXPECT_EQ(root.devicePath(root.hostPath() + "/a"), "/a");
-  EXPECT_EQ(root.devicePath(root.hostPath()), "/");
-  EXPECT_EQ(root.devicePath(root.hostPath() + "2/a"), std::nullopt);
-  EXPECT_EQ(DeviceRoot("/").devicePath("/usr/bin"), "/usr/bin");
+TEST_F(OnDevice, WhatExistsIsNamedByOnePath) {
+  scratch_.write("/Applications/A.app/x (deleted)", "");
+  scratch_.link("/Applications", "/apps");
   // 1024 bytes are the most that a record or message is to carry.
-  std::string path = "/" + std::string(250, 'a') + "/" + std::string(250, 'b') + "/" + std::string(250, 'c') + "/" +
-                     std::string(250, 'd') + "/" + std::string(19, 'e');
-  scratch.write(path, "");
-  EXPECT_EQ(path.size(), 1024U);
-  EXPECT_EQ(root.canonicalPath(path), path);
-  scratch.write(path + "f", "");
-  EXPECT_EQ(root.canonicalPath(path + "f"), std::nullopt);
-}
-
-TEST(DeviceRoot, MakesDirectoriesInsideWithTheWantedMode) {
-  ScratchRoot scratch;
-  scratch.link(scratch.outside("made").string(), "/out");
-  mode_t umaskBefore = ::umask(077);
-  EXPECT_TRUE(scratch.root()->makeDirectories("/a/b", 01777));
-  ::umask(umaskBefore);
-  for (const char* path : {"/a", "/a/b"}) {
-    struct stat state {};
-    ASSERT_TRUE(scratch.root()->stat(path, &state));
-    EXPECT_EQ(state.st_mode & 07777, 01777U) << path;
-  }
-  EXPECT_FALSE(scratch.root()->makeDirectories("/out/x", 0755));
-  EXPECT_FALSE(std::filesystem::exists(scratch.outside("made")));
-}
-
-TEST(BundleLayout, FindsThePartsOfDeepAndFlatBundles) {
-  ScratchRoot scratch;
-  std::string manifest = plist("<dict><key>KvBundleExecutable</key><string>run</string></dict>");
-  scratch.write("/D.app/Contents/Info.plist", manifest);
-  scratch.write("/D.app/Contents/Executables/run", "", 0755);
-  scratch.write("/D.app/run", "", 0755);
-  scratch.write("/F.app/Info.plist", manifest);
-  scratch.write("/F.app/run", "", 0755);
-  scratch.link("/F.app", "/link.app");
-  const DeviceRoot& root = *scratch.root();
-
-  auto deep = BundleLayout::at(root, "/D.app/");
-  ASSERT_TRUE(deep);
-  EXPECT_EQ(deep->path(), "/D.app");
-  EXPECT_EQ(deep->supportPath(), "/D.app/Contents");
-  EXPECT_EQ(deep->executablePath(root, deep->readManifest(root)), "/D.app/Contents/Executables/run");
-  auto flat = BundleLayout::at(root, "/link.app");
-  ASSERT_TRUE(flat);
-  EXPECT_EQ(flat->manifestPath(), "/F.app/Info.plist");
-  EXPECT_EQ(flat->executablePath(root, flat->readManifest(root)), "/F.app/run");
-  for (const char* name : {"../D.app/run", "missing", ""}) {
-    EXPECT_EQ(flat->executablePath(root, PlistBuilder().set(kBundleExecutableKey, name).take()), std::nullopt) << name;
-  }
-
-  auto pathOf = [&](const char* executable) {
-    auto bundle = BundleLayout::ofExecutable(root, executable);
-    return bundle ? bundle->path() : "none";
+  std::string longest;
+  for (std::size_t length : {250, 250, 250, 250, 19}) longest += "/" + std::string(length, 'a');
+  EXPECT_EQ(longest.size(), 1024U);
+  for (const std::string& path : {longest, longest + "f"}) scratch_.write(path, "");
+  const std::pair<std::string, std::optional<std::string>> canonical[] = {
+      {"/apps/../apps/./A.app/", "/Applications/A.app"},
+      {"/apps/A.app/x (deleted)", "/Applications/A.app/x (deleted)"},
+      {"/..", "/"},
+      {"/apps/missing", std::nullopt},
+      {"apps", std::nullopt},
+      {std::string("/apps\0/x", 8), std::nullopt},
+      {longest, longest},
+      {longest + "f", std::nullopt},
   };
-  EXPECT_EQ(pathOf("/D.app/Contents/Executables/run"), "/D.app");
-  EXPECT_EQ(pathOf("/D.app/run"), "none");
-  EXPECT_EQ(pathOf("/F.app/run"), "/F.app");
-  EXPECT_EQ(pathOf("/D.app"), "none");
-  EXPECT_EQ(BundleLayout::at(root, "/F.app/run"), std::nullopt);
+  for (const auto& [path, expected] : canonical) EXPECT_EQ(root_.canonicalPath(path), expected) << path;
+  EXPECT_EQ(root_.devicePath(root_.hostPath() + "/a"), "/a");
+  EXPECT_EQ(root_.devicePath(root_.hostPath()), "/");
+  EXPECT_EQ(root_.devicePath(root_.hostPath() + "2/a"), std::nullopt);
+  EXPECT_EQ(DeviceRoot("/").devicePath("/usr/bin"), "/usr/bin");
 }
 
-TEST(FileSystem, ReplacesAFileAtOnceAndLeavesNothingBeside) {
-  ScratchRoot scratch;
-  LinuxFileSystem files(scratch.root());
-  scratch.write("/db/file", "old", 0600);
-  DomainError error;
-  ASSERT_TRUE(files.writeFileAtomically({"/db/file"}, "new", &error)) << *error.description;
-  EXPECT_EQ(scratch.read("/db/file"), "new");
-  EXPECT_EQ(std::filesystem::status(scratch.host("/db/file")).permissions(), std::filesystem::perms(0600));
+TEST_F(OnDevice, BundlesAreDeepOrFlat) {
+  std::string manifest = plist("<dict><key>KvBundleExecutable</key><string>run</string></dict>");
+  for (const char* path : {"/D.app/Contents/Info.plist", "/F.app/Info.plist"}) scratch_.write(path, manifest);
+  for (const char* path : {"/D.app/Contents/Executables/run", "/D.app/run", "/F.app/run"}) {
+    scratch_.write(path, "", 0755);
+  }
+  scratch_.link("/F.app", "/link.app");
+  const std::array<const char*, 4> bundles[] = {
+      {"/D.app/", "/D.app", "/D.app/Contents/Info.plist", "/D.app/Contents/Executables/run"},
+      {"/link.app", "/F.app", "/F.app/Info.plist", "/F.app/run"},
+  };
+  for (const auto& [given, path, manifestPath, executable] : bundles) {
+    auto bundle = BundleLayout::at(root_, given);
+    ASSERT_TRUE(bundle) << given;
+    EXPECT_EQ(bundle->path(), path);
+    EXPECT_EQ(bundle->manifestPath(), manifestPath);
+    EXPECT_EQ(bundle->executablePath(root_, bundle->readManifest(root_)), executable);
+    EXPECT_EQ(BundleLayout::ofExecutable(root_, executable)->path(), path);
+    for (const char* name : {"../run", "missing", ""}) {
+      EXPECT_FALSE(bundle->executablePath(root_, PlistBuilder().set(kBundleExecutableKey, name).take())) << name;
+    }
+  }
+  for (const char* none : {"/D.app/run", "/D.app"}) EXPECT_FALSE(BundleLayout::ofExecutable(root_, none)) << none;
+  EXPECT_FALSE(BundleLayout::at(root_, "/F.app/run"));
+}
+
+class FileSystemOnDevice : public OnDevice {
+ protected:
+  LinuxFileSystem files_{scratch_.root()};
+  DomainError error_;
+};
+
+TEST_F(FileSystemOnDevice, ReplacesAFileAtOnceAndLeavesNothingBeside) {
+  auto write = [&](const char* path) { return files_.writeFileAtomically({path}, "new", &error_); };
+  scratch_.write("/db/file", "old", 0600);
+  scratch_.write("/db/.file.new", "left by a writer that died");
+  ASSERT_TRUE(write("/db/file")) << *error_.description;
+  EXPECT_EQ(scratch_.read("/db/file"), "new");
+  EXPECT_EQ(std::filesystem::status(scratch_.host("/db/file")).permissions(), std::filesystem::perms(0600));
   // A link is replaced, what it led to stays.
-  std::ofstream(scratch.outside("target")) << "kept";
-  scratch.link(scratch.outside("target").string(), "/db/link");
-  ASSERT_TRUE(files.writeFileAtomically({"/db/link"}, "new", &error));
-  EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(scratch.host("/db/link"))));
-  EXPECT_EQ(ScratchRoot::contents(scratch.outside("target")), "kept");
-  // What an earlier writer left when it died goes with the next one.
-  scratch.write("/db/.file.new", "half");
-  ASSERT_TRUE(files.writeFileAtomically({"/db/file"}, "newer", &error));
-  scratch.write("/db/folder/x", "");
-  EXPECT_FALSE(files.writeFileAtomically({"/db/folder"}, "new", &error));
-  EXPECT_FALSE(files.writeFileAtomically({"/db/file/below"}, "new", &error));
-  EXPECT_TRUE(error.isInDomain(FileErrorDomain));
-  EXPECT_EQ(error.code, ENOTDIR);
-  EXPECT_EQ(error.description, "/db/file/below: Not a directory");
-  EXPECT_TRUE(files.writeFileAtomically({"/made/for/file"}, "new", &error));
+  std::ofstream(scratch_.outside("target")) << "kept";
+  scratch_.link(scratch_.outside("target").string(), "/db/link");
+  ASSERT_TRUE(write("/db/link"));
+  EXPECT_FALSE(std::filesystem::is_symlink(scratch_.host("/db/link")));
+  EXPECT_EQ(ScratchRoot::contents(scratch_.outside("target")), "kept");
+  scratch_.write("/db/folder/x", "");
+  EXPECT_FALSE(write("/db/folder"));
+  EXPECT_FALSE(write("/db/file/below"));
+  EXPECT_EQ(error_.code, ENOTDIR);
+  EXPECT_EQ(error_.description, "/db/file/below: Not a directory");
+  EXPECT_TRUE(write("/made/for/file"));
   std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(scratch.host("/db")))
-    names.insert(entry.path().filename());
+  for (const auto& item : std::filesystem::directory_iterator(scratch_.host("/db")))
+    names.insert(item.path().filename());
   EXPECT_EQ(names, (std::set<std::string>{"file", "link", "folder"}));
 }
 
-TEST(FileSystem, ConcurrentWritersLeaveOneWholeContent) {
-  ScratchRoot scratch;
-  LinuxFileSystem files(scratch.root());
-  std::atomic<int> failures{0};
-  auto writeMany = [&](char c) {
-    for (int i = 0; i < 100; ++i)
-      failures += files.writeFileAtomically({"/file"}, std::string(5000, c), nullptr) ? 0 : 1;
-  };
-  std::thread a(writeMany, 'a');
-  std::thread b(writeMany, 'b');
-  a.join();
-  b.join();
-  EXPECT_EQ(failures, 0);
-  std::string text = scratch.read("/file");
-  EXPECT_TRUE(text == std::string(5000, 'a') || text == std::string(5000, 'b'));
-}
-
-TEST(FileSystem, ReadsKeepsAndStamps) {
-  ScratchRoot scratch;
-  LinuxFileSystem files(scratch.root());
-  scratch.write("/a", "12345");
-  scratch.write("/b", "other");
-  DomainError error;
-  EXPECT_EQ(files.readFile({"/a"}, &error, 5), "12345");
-  EXPECT_EQ(files.readFile({"/a"}, &error, 4), std::nullopt);
-  EXPECT_EQ(error.code, EFBIG);
-  EXPECT_EQ(files.readFile({"/none"}, &error, 5), std::nullopt);
-  EXPECT_EQ(error.code, FileErrorNoSuchFile);
-  EXPECT_FALSE(files.keepFile({"/a"}, {"/b"}, &error));
-  EXPECT_EQ(error.code, EEXIST);
-  EXPECT_EQ(scratch.read("/b"), "other");
-  auto stamp = files.stampOfFile({"/a"});
-  EXPECT_TRUE(files.keepFile({"/a"}, {"/c"}, &error));
-  EXPECT_EQ(files.stampOfFile({"/a"})->inode, stamp->inode);
-  EXPECT_EQ(files.stampOfFile({"/c"})->inode, stamp->inode);
-  std::filesystem::create_directory(scratch.host("/folder"));
-  EXPECT_TRUE(files.keepFile({"/folder"}, {"/d"}, &error)) << "moved: it can have only one name";
-  EXPECT_FALSE(files.exists({"/folder"}));
-  scratch.write("/c", "1234567");
-  EXPECT_NE(files.stampOfFile({"/c"}), stamp);
-  EXPECT_EQ(files.stampOfFile({"/"}), std::nullopt);
+TEST_F(FileSystemOnDevice, ReadsKeepsAndStamps) {
+  scratch_.write("/a", "12345");
+  scratch_.write("/b", "other");
+  EXPECT_EQ(files_.readFile({"/a"}, &error_, 5), "12345");
+  EXPECT_FALSE(files_.readFile({"/a"}, &error_, 4));
+  EXPECT_EQ(error_.code, EFBIG);
+  EXPECT_FALSE(files_.readFile({"/none"}, &error_, 5));
+  EXPECT_EQ(error_.code, FileErrorNoSuchFile);
+  EXPECT_FALSE(files_.keepFile({"/a"}, {"/b"}, &error_));
+  EXPECT_EQ(error_.code, EEXIST);
+  EXPECT_EQ(scratch_.read("/b"), "other");
+  auto stamp = files_.stampOfFile({"/a"});
+  EXPECT_TRUE(files_.keepFile({"/a"}, {"/c"}, &error_));
+  for (const char* path : {"/a", "/c"}) EXPECT_EQ(files_.stampOfFile({path})->inode, stamp->inode);
+  std::filesystem::create_directory(scratch_.host("/folder"));
+  EXPECT_TRUE(files_.keepFile({"/folder"}, {"/d"}, &error_)) << "moved: it can have only one name";
+  EXPECT_FALSE(files_.exists({"/folder"}));
+  scratch_.write("/c", "1234567");
+  EXPECT_NE(files_.stampOfFile({"/c"}), stamp);
+  EXPECT_EQ(files_.stampOfFile({"/"}), std::nullopt);
 }
 
 }  // namespace
