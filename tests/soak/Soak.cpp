@@ -2,9 +2,8 @@
 // Then everything is taken away, and what it cost the daemon must be gone with it.
 //
 // SOAK_SECONDS is how long (scripts/soak asks in minutes), SOAK_SEED repeats the choices that are made here.
-#include <algorithm>
-#include <array>
-#include <cinttypes>
+#include <iostream>
+#include <map>
 
 #include "tests/Support/Footprint.h"
 #include "tests/integration/Device.h"
@@ -26,14 +25,14 @@ std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
   const char* text = std::getenv(variable);
   return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
 }
-std::string pathOf(std::size_t index) {
-  return "/Applications/Photos.app/PlugIns/P" + std::to_string(index) + ".appex";
-}
 std::vector<std::string> allPaths() {
   std::vector<std::string> paths;
-  for (std::size_t i = 0; i < kPlugIns; ++i) paths.push_back(pathOf(i));
+  for (std::size_t i = 0; i < kPlugIns; ++i) {
+    paths.push_back("/Applications/Photos.app/PlugIns/P" + std::to_string(i) + ".appex");
+  }
   return paths;
 }
+std::string identifierOf(std::size_t index) { return "com.example.p" + std::to_string(index); }
 
 class Soak : public Device {
  protected:
@@ -65,22 +64,18 @@ class Soak : public Device {
   }
   void changeBundle(std::size_t index) {
     if (random_() % 3 == 0) {
-      fs::remove_all(host(pathOf(index)));
+      fs::remove_all(host(shared_.paths[index]));
     } else {
-      addPlugIn(pathOf(index), manifest(identifierOf(index), "1." + std::to_string(++changes_)));
+      addPlugIn(shared_.paths[index], manifest(identifierOf(index), "1." + std::to_string(++changes_)));
     }
   }
-  static std::string identifierOf(std::size_t index) { return "com.example.p" + std::to_string(index); }
   void startVictim() {
-    std::string identifier = identifierOf(random_() % kPlugIns);
-    const std::array<std::vector<std::string>, 5> lives{{
-        {"hold", "--plug-in", pathOf(random_() % kPlugIns)},
-        {"hold", std::string(kPhotos)},
-        {"match", "--all", "--json"},
-        {"watch", "--json"},
-        {"ready", identifier},
-    }};
-    victims_.push_back(startAs(random_() % 2 == 0 ? kInstaller : kPhotos, lives[random_() % lives.size()]));
+    const std::vector<std::string> lives[] = {{"hold", "--plug-in", shared_.paths[random_() % kPlugIns]},
+                                              {"hold", std::string(kPhotos)},
+                                              {"match", "--all", "--json"},
+                                              {"watch", "--json"},
+                                              {"ready", identifierOf(random_() % kPlugIns)}};
+    victims_.push_back(startAs(random_() % 2 == 0 ? kInstaller : kPhotos, lives[random_() % std::size(lives)]));
   }
   void killVictim() {
     victims_.erase(victims_.begin() + static_cast<std::ptrdiff_t>(random_() % victims_.size()));
@@ -90,7 +85,7 @@ class Soak : public Device {
   // --- What must be left ---------------------------------------------------------------------------------------------
 
   void removeEverything() {
-    for (std::size_t i = 0; i < kPlugIns; ++i) fs::remove_all(host(pathOf(i)));
+    for (const std::string& path : shared_.paths) fs::remove_all(host(path));
     EXPECT_TRUE(eventually([&] { return seenBy(kInstaller, {"--all"}).empty(); })) << seenBy(kInstaller, {"--all"});
   }
   std::size_t recordsIn(std::string_view folder) const {
@@ -108,46 +103,39 @@ class Soak : public Device {
     EXPECT_TRUE(eventually([&] { return !fs::exists(host("/run/jobd/keepalive/" + std::to_string(daemon.pid()))); }))
         << "a hold is left";
   }
-  // What this process is told, without the tokens that are made for each answer.
-  std::vector<PlistValue> answersOf(std::string_view service) {
-    WireClient client(root_, service);
-    auto reply = client.call(WireClient::request("match"));
-    EXPECT_TRUE(reply && reply->get("matches") != nullptr) << service;
-    std::vector<PlistValue> forms;
-    if (!reply || reply->get("matches") == nullptr) return forms;
-    PlistValue all = reply->get("matches")->toPlist();
+  // What this process is told, by identifier and without the tokens that are made for each answer.
+  std::map<std::string, PlistValue> answersOf(std::string_view service) {
+    auto reply = WireClient(root_, service).call(WireClient::request("match"));
+    const Message* matches = reply ? reply->get("matches") : nullptr;
+    EXPECT_NE(matches, nullptr) << service;
+    std::map<std::string, PlistValue> forms;
+    const PlistValue all = matches != nullptr ? matches->toPlist() : PlistValue();
     for (const PlistValue& form : all.elements()) {
-      forms.push_back(PlistBuilder(form).set("extensions", PlistValue()).take());
+      forms[std::string(form["identifier"].stringValue())] = PlistBuilder(form).remove("extensions").take();
     }
-    std::sort(forms.begin(), forms.end(), [](const PlistValue& one, const PlistValue& other) {
-      return one["identifier"].stringValue() < other["identifier"].stringValue();
-    });
     return forms;
   }
   void compareWithFreshOne() {
-    for (std::size_t i = 0; i < kPlugIns / 2; ++i) addPlugIn(pathOf(i), manifest(identifierOf(i), "2"));
-    auto allSeen = [&] {
-      auto forms = answersOf("com.vantrel.vornik.vkd");
-      return static_cast<std::size_t>(std::count_if(forms.begin(), forms.end(), [](const PlistValue& form) {
-               return form["version"].stringValue() == "2";
-             })) == kPlugIns / 2;
-    };
-    EXPECT_TRUE(eventually(allSeen)) << "what was installed is not seen";
+    constexpr const char* kOld = "com.vantrel.vornik.vkd";
+    constexpr std::size_t kPresent = kPlugIns / 2;
+    for (std::size_t i = 0; i < kPresent; ++i) addPlugIn(shared_.paths[i], manifest(identifierOf(i), "2"));
+    EXPECT_TRUE(eventually([&] {
+      std::size_t seen = 0;
+      for (const auto& [identifier, form] : answersOf(kOld)) seen += form["version"].stringValue() == "2" ? 1 : 0;
+      return seen == kPresent;
+    })) << "what was installed is not seen";
     auto fresh = startOn({"-S", kFresh}, kFresh);
-    auto old = answersOf("com.vantrel.vornik.vkd"), now = answersOf(kFresh);
+    auto old = answersOf(kOld), now = answersOf(kFresh);
     EXPECT_EQ(old.size(), now.size());
-    for (std::size_t i = 0; i < std::min(old.size(), now.size()); ++i) {
-      EXPECT_EQ(old[i], now[i]) << serializePropertyListXML(old[i]) << serializePropertyListXML(now[i]);
+    for (const auto& [identifier, form] : old) {
+      EXPECT_EQ(form, now[identifier]) << serializePropertyListXML(form) << serializePropertyListXML(now[identifier]);
     }
   }
   void expectReturned(const Program& daemon, const Footprint& before) {
     Footprint now;
     EXPECT_TRUE(eventually([&] { return (now = Footprint::of(daemon.pid())).within(before); }));
     EXPECT_LE(now.kilobytes, before.kilobytes * kMemoryFactorPercent / 100 + kMemorySlackKilobytes);
-    std::ostringstream text;
-    text << "before: " << before << "\nafter:  " << now << "\n";
-    std::fputs(text.str().c_str(), stdout);
-    if (HasFailure()) ADD_FAILURE() << text.str();
+    std::cout << "before: " << before << "\nafter:  " << now << "\n";
   }
 
   const std::uint64_t seed_ = numberFrom("SOAK_SEED", std::random_device()());
@@ -159,7 +147,7 @@ class Soak : public Device {
 
 TEST_F(Soak, LeavesNothingBehind) {
   const std::chrono::seconds time(numberFrom("SOAK_SECONDS", kDefaultSeconds));
-  std::printf("SOAK_SEED=%" PRIu64 "\n", seed_);
+  std::cout << "SOAK_SEED=" << seed_ << std::endl;
   auto daemon = startOn({}, "com.vantrel.vornik.vkd");
   // Once around before it counts: threads that start with the first need, tables at their usual size.
   live(std::chrono::milliseconds(time) / 5);
@@ -173,10 +161,9 @@ TEST_F(Soak, LeavesNothingBehind) {
   expectNothingKept(*daemon);
   expectReturned(*daemon, before);
   EXPECT_EQ(daemon->err().find(" fault "), std::string::npos);
-  std::printf("%" PRIu64 " requests (%" PRIu64 " granted, %" PRIu64 " refused), %" PRIu64 " connections, %" PRIu64
-              " garbled ones, %" PRIu64 " bundle changes, %" PRIu64 " processes killed\n",
-              shared_.answered.load(), shared_.granted.load(), shared_.refused.load(), shared_.connections.load(),
-              shared_.garbage.load(), changes_, killed_);
+  std::cout << shared_.answered << " requests (" << shared_.granted << " granted, " << shared_.refused << " refused), "
+            << shared_.connections << " connections, " << shared_.garbage << " garbled ones, " << changes_
+            << " bundle changes, " << killed_ << " processes killed\n";
   if (HasFailure()) std::fputs(daemon->err().substr(0, 20000).c_str(), stderr);
 }
 

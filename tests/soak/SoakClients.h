@@ -76,7 +76,8 @@ class Client {
     pollfd more{wire_->fd(), POLLIN, 0};
     EXPECT_EQ(::poll(&more, 1, 0), 0);
   }
-  WireClient& wire() { return *wire_; }
+  // True once in so many times.
+  bool oneOf(std::uint64_t times) { return random() % times == 0; }
   Message uuids() {
     Message list = Message::array();
     for (std::uint64_t count = 1 + random() % 3; count != 0; --count) list.append(shared.someone(random));
@@ -91,10 +92,16 @@ class Client {
   std::optional<WireClient> wire_;
 };
 
+using Fields = std::initializer_list<std::pair<const char*, Message>>;
+
+inline Message dictionary(Fields fields, Message message = Message::dictionary()) {
+  for (const auto& [key, value] : fields) message.set(key, value);
+  return message;
+}
+inline Message request(std::string_view type, Fields fields) { return dictionary(fields, WireClient::request(type)); }
+
 inline void match(Client& client) {
-  Message request = WireClient::request("match");
-  request.set("flags", client.random() % 2 == 0 ? std::uint64_t{0} : std::uint64_t{5});
-  auto reply = client.ask(request);
+  auto reply = client.ask(request("match", {{"flags", std::uint64_t{client.oneOf(2) ? 0U : 5U}}}));
   if (!reply || reply->get("matches") == nullptr) return;
   std::vector<UUID> uuids;
   for (const PlistValue& form : reply->get("matches")->toPlist().elements()) {
@@ -104,55 +111,40 @@ inline void match(Client& client) {
 }
 
 inline void annotate(Client& client) {
-  Message note = Message::dictionary();
-  note.set("note", std::string(client.random() % 2000, 'n'));
-  Message annotations = Message::dictionary();
-  bool bulk = client.random() % 3 == 0;
-  if (bulk) {
+  Message note = dictionary({{"note", std::string(client.random() % 2000, 'n')}});
+  if (client.oneOf(3)) {
+    Message annotations = Message::dictionary();
     annotations.set(client.shared.someone(client.random).text(), note);
+    client.ask(request("bulk-annotate", {{"annotations", annotations}}));
   } else {
-    annotations.set("election", static_cast<std::int64_t>(client.random() % 3));
-    annotations.set("extension", note);
+    auto election = static_cast<std::int64_t>(client.random() % 3);
+    Message annotations = dictionary({{"election", election}, {"extension", note}});
+    client.ask(request("annotate", {{"uuids", client.uuids()}, {"annotations", annotations}}));
   }
-  Message request = WireClient::request(bulk ? "bulk-annotate" : "annotate");
-  if (!bulk) request.set("uuids", client.uuids());
-  request.set("annotations", annotations);
-  client.ask(request);
 }
 
 // Half of the holds end with their connection.
 inline void hold(Client& client) {
-  Message request = WireClient::request("lock");
-  request.set("flags", std::uint64_t{2});
-  request.set("paths", Message::Array{client.path()});
-  auto reply = client.ask(request);
+  auto reply = client.ask(request("lock", {{"flags", std::uint64_t{2}}, {"paths", Message::Array{client.path()}}}));
   if (!reply || reply->get("uuids") == nullptr) return;
-  if (client.random() % 2 == 0) return client.connect();
-  Message release = WireClient::request("lock");
-  release.set("uuids", *reply->get("uuids"));
-  client.ask(release);
+  if (client.oneOf(2)) return client.connect();
+  client.ask(request("lock", {{"uuids", *reply->get("uuids")}}));
 }
 
 inline void prepare(Client& client) {
-  Message request = WireClient::request(client.random() % 2 == 0 ? "ready" : "access");
-  request.set("uuids", client.uuids());
-  client.ask(request);
+  client.ask(request(client.oneOf(2) ? "ready" : "access", {{"uuids", client.uuids()}}));
 }
 
 inline void administer(Client& client) {
-  bool add = client.random() % 2 == 0;
-  Message request = WireClient::request(add ? "add" : "remove");
-  request.set("paths", Message::Array{client.path()});
-  auto reply = client.ask(request);
+  bool add = client.oneOf(2);
+  auto reply = client.ask(request(add ? "add" : "remove", {{"paths", Message::Array{client.path()}}}));
   if (!reply || add) return;
   EXPECT_NE(reply->getUnsigned("errorcode"), 0U) << "removed without the right to";
 }
 
 // Frames with bits turned over, on connections that may be cut for it; and its own connection must not care.
 inline void garble(Client& client) {
-  Message request = WireClient::request("lock");
-  request.set("uuids", client.uuids());
-  std::string bytes = WireClient::frame(request, 1);
+  std::string bytes = WireClient::frame(request("lock", {{"uuids", client.uuids()}}), 1);
   for (std::uint64_t turns = client.random() % 8; turns != 0; --turns) {
     bytes[client.random() % bytes.size()] ^= static_cast<char>(1U << client.random() % 8);
   }
@@ -161,9 +153,9 @@ inline void garble(Client& client) {
     WireClient garbage(client.shared.root);
     garbage.sendBytes(bytes);
     ++client.shared.garbage;
-    if (client.random() % 4 == 0) client.ask(WireClient::request("bulk"));
+    if (client.oneOf(4)) client.ask(WireClient::request("bulk"));
   }
-  client.ask(WireClient::request(client.random() % 2 == 0 ? "nonsense" : "bulk"));
+  client.ask(WireClient::request(client.oneOf(2) ? "nonsense" : "bulk"));
 }
 
 // All kinds at once until somebody says stop.
@@ -185,8 +177,8 @@ class Crowd {
     Client client(shared, seed);
     while (!shared.stop) {
       kind(client);
-      if (client.random() % 64 == 0) client.connect();
-      if (client.random() % 4 == 0) std::this_thread::sleep_for(std::chrono::microseconds(client.random() % 2000));
+      if (client.oneOf(64)) client.connect();
+      if (client.oneOf(4)) std::this_thread::sleep_for(std::chrono::microseconds(client.random() % 2000));
     }
     client.expectSilence();
   }
