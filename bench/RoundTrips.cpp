@@ -1,4 +1,9 @@
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <thread>
 
@@ -13,14 +18,12 @@ namespace bench {
 
 namespace {
 
-constexpr int kRounds = 15;
-constexpr std::size_t kCalls = 2000;
+constexpr int kRounds = 40;
+constexpr std::size_t kCalls = 1000;
+constexpr int kManyRounds = 15;
 constexpr std::size_t kClients = 8;
 constexpr std::size_t kInFlight = 16;
-constexpr int kPinnedCpu = 0;
 constexpr std::size_t kReplySize = 16 + 9;  // a frame with an empty dictionary
-
-void append(std::vector<double>& all, std::vector<double> more) { all.insert(all.end(), more.begin(), more.end()); }
 
 // A round trip through the client library, from the request to the end of its reply block.
 class LibraryClient {
@@ -57,36 +60,86 @@ class LibraryClient {
   double seconds_ = 0;
 };
 
-void measureOneClient(Table& table, const std::string& root, const std::string& frame, bool pinned) {
-  int cpu = pinned ? kPinnedCpu : -1;
-  DaemonProcess daemon(root, cpu);
-  EchoServer echo(EchoServer::Kind::ThreadPerSocket, 1, frame.size(), kReplySize, cpu);
-  pinSelf(cpu);
-  WireClient wire(root);
-  LibraryClient library;
-  std::vector<char> reply;
-  auto wireCall = [&] {
-    wire.send(frame);
-    wire.receiveInto(reply);
+// What `measure` answers in a process of its own. A scheduler that once put a client and one of its servers on one core
+// keeps them there, and the client's other server on the other; a fresh process begins without such a history.
+std::vector<double> inFreshProcess(const std::function<std::vector<double>()>& measure) {
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) std::abort();
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    std::vector<double> measured = measure();
+    writeAll(ends[1], measured.data(), measured.size() * sizeof(double));
+    ::_exit(0);
+  }
+  ::close(ends[1]);
+  std::vector<double> result(kCalls);
+  readAll(ends[0], result.data(), result.size() * sizeof(double));
+  ::close(ends[0]);
+  ::waitpid(pid, nullptr, 0);
+  return result;
+}
+
+// A row of round trips, round by round. On free cores a round has one of two values, both sides on one core or a core
+// woken for each message, so that the middle of all would be the one or the other by luck: the mean of the rounds
+// counts.
+struct RoundTripTimes {
+  void add(std::vector<double> round) {
+    medians += median(round) / kRounds;
+    all.insert(all.end(), round.begin(), round.end());
+  }
+  double medians = 0;
+  std::vector<double> all;
+};
+
+// Where the two sides run, and what is expected of the daemon then. -1: wherever the kernel likes.
+struct Placement {
+  const char* name;
+  int clientCpu, serverCpu;
+  double wireTarget, libraryTarget;
+};
+constexpr Placement kPlacements[] = {
+    {"", -1, -1, 2.0, 3.5}, {", on two cores", 0, 1, 2.0, 3.5}, {", all on one core", 0, 0, 1.6, 2.5}};
+
+void measureOneClient(Table& table, const std::string& root, const std::string& frame, const Placement& placement) {
+  DaemonProcess daemon(root, placement.serverCpu);
+  const auto round = [&](const std::function<std::vector<double>()>& run) {
+    return inFreshProcess([&] {
+      pinSelf(placement.clientCpu);
+      return run();
+    });
   };
-  wireCall();
-  library.call();
-  std::vector<double> limits;
-  std::vector<double> wires;
-  std::vector<double> libraries;
-  for (int round = 0; round < kRounds; ++round) {
-    append(limits, samples(kCalls, [&] { echo.roundTrip(0); }));
-    append(wires, samples(kCalls, wireCall));
-    append(libraries, library.run(kCalls));
+  const auto bareCalls = [&] {
+    EchoServer echo(EchoServer::Kind::ThreadPerSocket, 1, frame.size(), kReplySize, placement.serverCpu);
+    echo.roundTrip(0);
+    return samples(kCalls, [&] { echo.roundTrip(0); });
+  };
+  const auto wireCalls = [&] {
+    WireClient wire(root);
+    std::vector<char> reply;
+    const auto call = [&] {
+      wire.send(frame);
+      wire.receiveInto(reply);
+    };
+    call();
+    return samples(kCalls, call);
+  };
+  const auto libraryCalls = [] {
+    LibraryClient library;
+    library.call();
+    return library.run(kCalls);
+  };
+  RoundTripTimes limits, wires, libraries;
+  for (int i = 0; i < kRounds; ++i) {
+    limits.add(round(bareCalls));
+    wires.add(round(wireCalls));
+    libraries.add(round(libraryCalls));
   }
-  pinSelf(-1);
-  const char* limit = pinned ? "ping-pong on one core" : "bare ping-pong";
-  std::string where = pinned ? ", all on one core" : "";
-  table.add({"\"bulk\" round trip" + where, limit, median(wires), median(limits), pinned ? 1.6 : 2.0});
-  if (!pinned) {
-    table.add({"its 99th percentile", "the limit's", percentile(wires, 0.99), percentile(limits, 0.99), 3.0});
-  }
-  table.add({"through VKDaemonClient" + where, limit, median(libraries), median(limits), pinned ? 2.5 : 3.5});
+  const std::string limit = std::string("bare ping-pong") + placement.name;
+  table.add({std::string("\"bulk\" round trip") + placement.name, limit, wires.medians, limits.medians,
+             placement.wireTarget});
+  table.add({"its 99th percentile", "the limit's", percentile(wires.all, 0.99), percentile(limits.all, 0.99), 3.0});
+  table.add({std::string("through VKDaemonClient") + placement.name, limit, libraries.medians, limits.medians,
+             placement.libraryTarget});
 }
 
 // Seconds for every client to make `calls` calls, `inFlight` at a time.
@@ -134,7 +187,7 @@ void measureManyClients(Table& table, const std::string& root, const std::string
   std::vector<double> oneLimit;
   std::vector<double> many;
   std::vector<double> manyLimit;
-  for (int round = 0; round < kRounds; ++round) {
+  for (int round = 0; round < kManyRounds; ++round) {
     oneLimit.push_back(runEcho(pairs, calls, 1, frame));
     one.push_back(runClients(calls, 1, send, receive));
     manyLimit.push_back(runEcho(loop, calls, kInFlight, frame));
@@ -153,8 +206,7 @@ void measureRoundTrips(Table& table) {
   SampleRoot root;
   ::setenv("VANTREL_ROOT", root.path().c_str(), 1);
   std::string frame = WireClient::frame(WireClient::request("bulk"));
-  measureOneClient(table, root.path(), frame, false);
-  measureOneClient(table, root.path(), frame, true);
+  for (const Placement& placement : kPlacements) measureOneClient(table, root.path(), frame, placement);
   measureManyClients(table, root.path(), frame);
 }
 
