@@ -16,6 +16,11 @@ namespace {
 
 constexpr const char* kIdentifier = "com.example.share";
 
+void expectNoMore(const WireClient& client) {
+  pollfd more{client.fd(), POLLIN, 0};
+  EXPECT_EQ(::poll(&more, 1, 0), 0) << "a second reply";
+}
+
 // Asks for one plug-in again and again, on one connection, until it goes out of scope.
 class PoliteClient {
  public:
@@ -30,8 +35,7 @@ class PoliteClient {
     stop_ = true;
     thread_.join();
     EXPECT_TRUE(ask()) << "after " << asked_ << " requests";
-    pollfd more{client_.fd(), POLLIN, 0};
-    EXPECT_EQ(::poll(&more, 1, 0), 0) << "a second reply";
+    expectNoMore(client_);
   }
   // Returns when it has got this many more replies.
   void waitFor(std::uint64_t replies) const {
@@ -41,12 +45,9 @@ class PoliteClient {
 
  private:
   bool ask() {
-    Message request = WireClient::request("match");
-    Message rules = Message::dictionary();
-    rules.set("ZoExtensionIdentifier", kIdentifier);
-    request.set("rules", rules);
+    const Message rules = support::messageOf({{"ZoExtensionIdentifier", kIdentifier}});
     std::uint64_t id = ++asked_, answered = 0;
-    bool sent = client_.sendBytes(WireClient::frame(request, id));
+    bool sent = client_.sendBytes(WireClient::frame(WireClient::request("match", {{"rules", rules}}), id));
     auto reply = sent ? client_.receive(&answered) : std::nullopt;
     EXPECT_TRUE(reply) << "request " << id << (client_.timedOut() ? ": no reply" : ": cut off");
     EXPECT_EQ(answered, id);
@@ -78,28 +79,26 @@ class ClientsTest : public Device {
     files.rlim_cur = files.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &files);
   }
-  static bool full() {
-    const char* text = std::getenv("VKD_CLIENTS");
-    return text != nullptr && std::string_view(text) == "full";
-  }
+  static bool full() { return std::getenv("VKD_CLIENTS") != nullptr; }
   void begin() {
     startDaemon();
     ASSERT_TRUE(WireClient(root_).call(WireClient::request("match")));
     before_ = Footprint::of(daemon().pid());
   }
-  void expectAllReturned() {
+  static void expectAllReturned(pid_t pid, const Footprint& before) {
     Footprint now;
-    EXPECT_TRUE(eventually([&] { return (now = Footprint::of(daemon().pid())).within(before_); }))
-        << "before: " << before_ << "\nnow:    " << now;
+    EXPECT_TRUE(eventually([&] { return (now = Footprint::of(pid)).within(before); }))
+        << "before: " << before << "\nnow:    " << now;
   }
-  // Takes what the socket takes at once; false when that was not all.
-  static bool sendSome(int fd, std::string_view& bytes) {
+  void expectAllReturned() { expectAllReturned(daemon().pid(), before_); }
+  // Sends what the socket takes at once; answers the rest.
+  static std::string_view sendSome(const WireClient& client, std::string_view bytes) {
     while (!bytes.empty()) {
-      ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-      if (sent <= 0) return false;
+      ssize_t sent = ::send(client.fd(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (sent <= 0) break;
       bytes.remove_prefix(static_cast<std::size_t>(sent));
     }
-    return true;
+    return bytes;
   }
 
   Footprint before_;
@@ -115,8 +114,7 @@ TEST_F(ClientsTest, ACrowdThatNeverReadsOrNeverEndsItsFrameIsInNobodysWay) {
     for (std::size_t i = 0; i < kCrowd; ++i) {
       readers.emplace_back(root_);
       ASSERT_TRUE(readers.back().connected());
-      std::string_view bytes = large;
-      sendSome(readers.back().fd(), bytes);
+      sendSome(readers.back(), large);
     }
     polite.waitFor(100);
     std::vector<WireClient> halves;
@@ -124,8 +122,7 @@ TEST_F(ClientsTest, ACrowdThatNeverReadsOrNeverEndsItsFrameIsInNobodysWay) {
     for (std::size_t i = 0; i < kCrowd; ++i) {
       halves.emplace_back(root_);
       ASSERT_TRUE(halves.back().connected());
-      std::string_view bytes = std::string_view(frame).substr(0, 1 + i % (frame.size() - 1));
-      EXPECT_TRUE(sendSome(halves.back().fd(), bytes));
+      EXPECT_EQ(sendSome(halves.back(), std::string_view(frame).substr(0, 1 + i % (frame.size() - 1))), "");
     }
     polite.waitFor(100);
     // Half a frame is no offence: its sender may end it later, and is answered.
@@ -153,7 +150,8 @@ TEST_F(ClientsTest, WhoSendsWithoutReadingIsNotReadFurtherAndLosesNothing) {
     std::string_view rest = bytes;
     // Until the daemon takes no more: then it has stopped to read, not to keep.
     for (int stalls = 0; stalls < 50 && !rest.empty();) {
-      if (sendSome(flood.fd(), rest)) {
+      rest = sendSome(flood, rest);
+      if (rest.empty()) {
         refill();
         rest = bytes;
         stalls = 0;
@@ -175,8 +173,7 @@ TEST_F(ClientsTest, WhoSendsWithoutReadingIsNotReadFurtherAndLosesNothing) {
     EXPECT_EQ(received, count) << "each one reply, in order";
     if (received < count) ::shutdown(flood.fd(), SHUT_RDWR);
     sender.join();
-    pollfd more{flood.fd(), POLLIN, 0};
-    EXPECT_EQ(::poll(&more, 1, 0), 0) << "and no more than one";
+    expectNoMore(flood);
   }
   expectAllReturned();
 }
@@ -205,8 +202,7 @@ TEST_F(ClientsTest, AStormOfConnectionsPasses) {
         for (int i = 0; i < each; ++i) {
           WireClient client(root_);
           EXPECT_TRUE(client.connected());
-          std::string_view bytes = std::string_view(frame).substr(0, kind == 1 ? frame.size() / 2 : frame.size());
-          if (kind != 0) sendSome(client.fd(), bytes);
+          if (kind != 0) sendSome(client, std::string_view(frame).substr(0, frame.size() / (kind == 1 ? 2 : 1)));
           if (kind == 3) {
             auto reply = client.receive();
             EXPECT_TRUE(reply && reply->getUnsigned("errorcode") == 4);
@@ -230,11 +226,10 @@ TEST_F(ClientsTest, WithoutDescriptorsTheNextClientsWaitOrAreRefusedAndTheRestIs
   {
     PoliteClient polite(root_);
     std::vector<WireClient> crowd;
+    const std::string frame = WireClient::frame(WireClient::request("bulk"), 1);
     for (int i = 0; i < 200; ++i) {
       crowd.emplace_back(root_);
-      std::string bytes = WireClient::frame(WireClient::request("bulk"), 1);
-      std::string_view rest = bytes;
-      if (crowd.back().connected()) sendSome(crowd.back().fd(), rest);
+      if (crowd.back().connected()) sendSome(crowd.back(), frame);
     }
     std::size_t served = 0, refused = 0;
     for (WireClient& client : crowd) {
@@ -252,9 +247,7 @@ TEST_F(ClientsTest, WithoutDescriptorsTheNextClientsWaitOrAreRefusedAndTheRestIs
       return next.connected() && next.call(WireClient::request("bulk"));
     })) << "what the crowd had is there again";
   }
-  Footprint now;
-  EXPECT_TRUE(eventually([&] { return (now = Footprint::of(limited->pid())).within(before); }))
-      << "before: " << before << "\nnow:    " << now;
+  expectAllReturned(limited->pid(), before);
   EXPECT_NE(limited->err().find("is refused: too many connections"), std::string::npos) << limited->err();
 }
 

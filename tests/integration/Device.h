@@ -101,9 +101,7 @@ class Device : public testing::Test {
   // --- What runs on it -----------------------------------------------------------------------------------------------
 
   void startDaemon(const std::vector<std::string>& options = {}) {
-    std::vector<std::string> command{VKD_PROGRAM};
-    command.insert(command.end(), options.begin(), options.end());
-    daemon_ = start(command, {{"VANTREL_LOG", "debug"}, {"VANTREL_LOG_PRIVATE", "1"}});
+    daemon_ = start(with(VKD_PROGRAM, options), {{"VANTREL_LOG", "debug"}, {"VANTREL_LOG_PRIVATE", "1"}});
     ASSERT_TRUE(eventually([&] { return daemon_->hasEnded() || vkctl({"status"}).status == 0; }));
     ASSERT_FALSE(daemon_->hasEnded()) << daemon_->err();
   }

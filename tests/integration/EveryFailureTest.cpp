@@ -2,6 +2,7 @@
 // cuts off one client, or says at its start why it stops.
 #include <algorithm>
 
+#include "tests/Support/Setting.h"
 #include "tests/Support/WireClient.h"
 #include "tests/integration/Device.h"
 
@@ -63,50 +64,29 @@ class EveryFailure : public Device {
     election_.reset();
     ask(WireClient::request("bulk"));
     auto found = ask(WireClient::request("match"));
-    uuids_.clear();
+    uuids_ = Message::array();
     if (succeeded(found)) {
       for (const PlistValue& form : found->get("matches")->toPlist().elements()) {
-        uuids_.push_back(UUID::parse(form["uuid"].stringValue()).value());
+        uuids_.append(UUID::parse(form["uuid"].stringValue()).value());
         identifier_ = form["identifier"].stringValue();
       }
     }
+    const Message other = support::listOf({kOther});
     for (std::int64_t election : {5, 6}) annotate(election);
-    Message lock = WireClient::request("lock");
-    lock.set("flags", std::uint64_t{2});
-    lock.set("paths", Message::Array{kOther});
-    auto held = ask(lock);
-    for (const char* type : {"ready", "access"}) {
-      Message request = WireClient::request(type);
-      request.set("uuids", list());
-      ask(request);
-    }
-    if (succeeded(held)) {
-      Message release = WireClient::request("lock");
-      release.set("uuids", Message::Array{*held->get("uuids")});
-      ask(release);
-    }
-    Message remove = WireClient::request("remove");
-    remove.set("paths", Message::Array{kOther});
-    EXPECT_FALSE(succeeded(ask(remove))) << "nobody may remove without the entitlement";
-    Message all = WireClient::request("match");
-    all.set("flags", std::uint64_t{0x200});
-    EXPECT_FALSE(succeeded(ask(all))) << "nobody sees everything without the entitlement";
+    auto held = ask(WireClient::request("lock", {{"flags", std::uint64_t{2}}, {"paths", other}}));
+    for (const char* type : {"ready", "access"}) ask(WireClient::request(type, {{"uuids", uuids_}}));
+    if (succeeded(held)) ask(WireClient::request("lock", {{"uuids", support::listOf({*held->get("uuids")})}}));
+    EXPECT_FALSE(succeeded(ask(WireClient::request("remove", {{"paths", other}})))) << "nobody is entitled to remove";
+    EXPECT_FALSE(succeeded(ask(WireClient::request("match", {{"flags", std::uint64_t{0x200}}})))) << "nor to see all";
     annotate(7);
     fs::remove_all(host(kOther));
   }
-  Message list() const {
-    Message uuids = Message::array();
-    for (const UUID& uuid : uuids_) uuids.append(uuid);
-    return uuids;
-  }
   void annotate(std::int64_t election) {
-    if (uuids_.empty()) return;
-    Message request = WireClient::request("annotate");
-    request.set("uuids", list());
-    Message annotations = Message::dictionary();
-    annotations.set("election", election);
-    request.set("annotations", annotations);
-    if (succeeded(ask(request))) election_ = election;
+    if (uuids_.as<Message::Array>()->empty()) return;
+    const Message change = support::messageOf({{"election", election}});
+    if (succeeded(ask(WireClient::request("annotate", {{"uuids", uuids_}, {"annotations", change}})))) {
+      election_ = election;
+    }
   }
 
   void check() {
@@ -131,7 +111,7 @@ class EveryFailure : public Device {
 
   std::unique_ptr<Program> program_;
   std::unique_ptr<WireClient> client_;
-  std::vector<UUID> uuids_;  // of what was discovered, and the last one's identifier
+  Message uuids_;  // of what was discovered, and the last one's identifier
   std::string identifier_;
   std::optional<std::int64_t> election_;
 };
@@ -140,8 +120,7 @@ class EveryFailure : public Device {
 
 // FAILNTH_STRIDE=1 tries every operation with every error; by default a sample of them, to keep the net tight.
 TEST_F(EveryFailure, IsSurvivedOrToldAtTheStart) {
-  const char* text = std::getenv("FAILNTH_STRIDE");
-  int stride = text != nullptr ? std::max(1, std::atoi(text)) : 29;
+  const int stride = std::max(1, static_cast<int>(support::setting("FAILNTH_STRIDE", 29)));
   for (int error : {EIO, EMFILE, ENOSPC, EINTR, EAGAIN}) {
     int number = 1 + error % stride;
     int reached = 0;

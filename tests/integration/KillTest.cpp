@@ -6,6 +6,7 @@
 #include <random>
 #include <thread>
 
+#include "tests/Support/Setting.h"
 #include "tests/Support/WireClient.h"
 #include "tests/integration/Device.h"
 
@@ -18,10 +19,6 @@ constexpr std::size_t kWriters = 2;
 constexpr std::int64_t kLongestLife = 60'000;  // microseconds under load
 constexpr std::size_t kLongestNote = 20'000;   // so that a save takes more than one write
 
-std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
-  const char* text = std::getenv(variable);
-  return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 std::string identifierOf(std::size_t index) { return "com.example.p" + std::to_string(index); }
 
 // What is known of one plug-in: the election that was acknowledged, and the one that was sent and not answered, if any.
@@ -78,17 +75,12 @@ class KillTest : public Device {
     WireClient client(root_);
     for (;;) {
       Known& known = known_[writer + kWriters * (random() % (kPlugIns / kWriters))];
-      Message annotations = Message::dictionary();
-      Message extension = Message::dictionary();
       known.sent = static_cast<std::int64_t>(random() >> 2) + 1;
-      extension.set("of", known.sent);
-      extension.set("note", std::string(random() % kLongestNote, 'n'));
-      annotations.set("election", known.sent);
-      annotations.set("extension", extension);
-      Message request = WireClient::request("annotate");
-      request.set("uuids", Message::Array{known.uuid});
-      request.set("annotations", annotations);
-      auto reply = client.call(request);
+      const Message extension =
+          support::messageOf({{"of", known.sent}, {"note", std::string(random() % kLongestNote, 'n')}});
+      const Message annotations = support::messageOf({{"election", known.sent}, {"extension", extension}});
+      const Message uuids = support::listOf({known.uuid});
+      auto reply = client.call(WireClient::request("annotate", {{"uuids", uuids}, {"annotations", annotations}}));
       if (!reply) return;
       ASSERT_EQ(reply->get("errorcode"), nullptr) << reply->description();
       known.acknowledged = known.sent;
@@ -113,8 +105,8 @@ class KillTest : public Device {
 };
 
 TEST_F(KillTest, NothingAcknowledgedIsLost) {
-  const std::uint64_t rounds = numberFrom("VKD_KILL_ROUNDS", kDefaultRounds);
-  const std::uint64_t seed = numberFrom("VKD_KILL_SEED", std::random_device()());
+  const std::uint64_t rounds = support::setting("VKD_KILL_ROUNDS", kDefaultRounds);
+  const std::uint64_t seed = support::setting("VKD_KILL_SEED", std::random_device()());
   SCOPED_TRACE("VKD_KILL_SEED=" + std::to_string(seed));
   std::printf("VKD_KILL_SEED=%llu\n", static_cast<unsigned long long>(seed));
   std::mt19937_64 random(seed);

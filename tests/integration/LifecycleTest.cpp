@@ -33,6 +33,10 @@ class LifecycleTest : public Device {
     EXPECT_TRUE(hold->says("\n")) << hold->err();
     return hold;
   }
+  static void expectFailure(const Result& result, int status, const std::string& text) {
+    EXPECT_EQ(result.status, status);
+    EXPECT_NE(result.err.find(text), std::string::npos) << result.err;
+  }
   std::unique_ptr<Program> launch() const {
     auto host = start(with(this->host(executable(kPhotos)), {"launch", kIdentifier}), {{"VKTEST_SDK", ""}});
     EXPECT_TRUE(host->says("SHARE_QUALITY=full")) << host->err();
@@ -42,44 +46,32 @@ class LifecycleTest : public Device {
 
 TEST_F(LifecycleTest, HeldPlugInsAreKeptFromHostsUntilTheHoldEnds) {
   startDaemon();
-  std::string known = uuid();
-  ASSERT_NE(known, "");
+  const std::string known = uuid(), there = "com.example.share 1.0";
   auto hold = holdPlugIn();
   EXPECT_EQ(seenBy(kPhotos), "");
-  EXPECT_EQ(seenBy(kInstaller, {"--all"}), "com.example.share 1.0");
-  Result refused = as(kPhotos, {"ready", known});
-  EXPECT_EQ(refused.status, 6);
-  EXPECT_NE(refused.err.find("access to plugin com.example.share denied: the plug-in is on hold"), std::string::npos);
+  EXPECT_EQ(seenBy(kInstaller, {"--all"}), there);
+  expectFailure(as(kPhotos, {"ready", known}), 6, "access to plugin com.example.share denied: the plug-in is on hold");
   // Interrupted: when the command has ended, so has the hold.
   hold->signal(SIGINT);
-  EXPECT_EQ(hold->finish().status, 130);
-  EXPECT_EQ(seenBy(kPhotos), "com.example.share 1.0");
+  EXPECT_EQ(hold->finish().status, 128 + SIGINT);
+  EXPECT_EQ(seenBy(kPhotos), there);
   // Released by somebody else, by its token.
   hold = holdPlugIn();
-  std::string token = hold->out().substr(0, hold->out().find('\n'));
-  EXPECT_EQ(as(kPhotos, {"release", token}).status, 0);
-  EXPECT_EQ(seenBy(kPhotos), "com.example.share 1.0");
-  hold->signal(SIGTERM);
-  EXPECT_EQ(hold->finish().status, 128 + SIGTERM);
+  EXPECT_EQ(as(kPhotos, {"release", hold->out().substr(0, hold->out().find('\n'))}).status, 0);
+  EXPECT_EQ(seenBy(kPhotos), there);
   // The holder dies without a word.
   hold = holdPlugIn();
   EXPECT_EQ(seenBy(kPhotos), "");
   hold->signal(SIGKILL);
-  EXPECT_TRUE(eventually([&] { return seenBy(kPhotos) == "com.example.share 1.0"; }));
+  EXPECT_TRUE(eventually([&] { return seenBy(kPhotos) == there; }));
   EXPECT_TRUE(logSays("for dead client pid " + std::to_string(hold->pid())));
-}
-
-TEST_F(LifecycleTest, AHoldLastsAsLongAsItsCommandOrTheDaemon) {
-  startDaemon();
-  std::string photos = host(executable(kPhotos));
-  Result during = as(kInstaller, {"hold", std::string(kPhotos), "--", "sh", "-c", photos + " match --exists"});
-  EXPECT_EQ(during.status, 3) << during.err;
+  // It lasts as long as its command, or the daemon.
+  const std::string whileHeld = host(executable(kPhotos)).string() + " match --exists";
+  EXPECT_EQ(as(kInstaller, {"hold", std::string(kPhotos), "--", "sh", "-c", whileHeld}).status, 3);
   EXPECT_EQ(as(kPhotos, {"match", "--exists"}).status, 0);
-  auto hold = holdPlugIn();
+  hold = holdPlugIn();
   stopDaemon(SIGKILL);
-  Result left = hold->finish();
-  EXPECT_EQ(left.status, 1);
-  EXPECT_NE(left.err.find("the daemon went away, and the hold with it"), std::string::npos) << left.err;
+  expectFailure(hold->finish(), 1, "the daemon went away, and the hold with it");
 }
 
 TEST_F(LifecycleTest, ReadyIsWhatTheHostMayUse) {
@@ -88,13 +80,11 @@ TEST_F(LifecycleTest, ReadyIsWhatTheHostMayUse) {
                 .set("KvBundleExecutable", PlistValue())
                 .take());
   startDaemon();
-  Result refused = as(kStranger, {"ready", uuid()});
-  EXPECT_EQ(refused.status, 5);
-  EXPECT_NE(refused.err.find("denied: the host's plug-in entitlement does not allow this plug-in"), std::string::npos);
+  expectFailure(as(kStranger, {"ready", uuid()}), 5,
+                "denied: the host's plug-in entitlement does not allow this plug-in");
   EXPECT_EQ(as(kPhotos, {"ready", kIdentifier, "com.example.data"}).status, 0);
   fs::remove(host(std::string(kPlugIn) + "/plugin"));
-  Result broken = as(kPhotos, {"ready", uuid()});
-  EXPECT_NE(broken.status, 0);
+  EXPECT_NE(as(kPhotos, {"ready", uuid()}).status, 0);
 }
 
 TEST_F(LifecycleTest, ARunningInstanceHasItsEnvironmentAndIsInTheWay) {
@@ -108,12 +98,10 @@ TEST_F(LifecycleTest, ARunningInstanceHasItsEnvironmentAndIsInTheWay) {
   std::size_t at = instance->out().find("pid ");
   std::string pid = instance->out().substr(at + 4, instance->out().find('\n') - at - 4);
 
-  Result busy = as(kInstaller, {"hold", std::string(kPhotos)});
-  EXPECT_EQ(busy.status, 6);
-  EXPECT_EQ(busy.err,
-            "vkctl: hold: /Applications/Photos.app: plug-ins are busy (VKErrorBusy, 14); busy: "
-            "com.example.share pid " +
-                pid + "\n");
+  expectFailure(as(kInstaller, {"hold", std::string(kPhotos)}), 6,
+                "vkctl: hold: /Applications/Photos.app: plug-ins are busy (VKErrorBusy, 14); busy: "
+                "com.example.share pid " +
+                    pid + "\n");
   auto anyway = holdPlugIn();
   EXPECT_EQ(seenBy(kPhotos), "");
   // It ends when it is told to, through the host, and is in nobody's way any more.
@@ -182,9 +170,8 @@ TEST_F(LifecycleTest, RegistrationAtAPath) {
   ASSERT_EQ(as(kInstaller, {"remove", "com.example.extra"}).status, 0);
   EXPECT_EQ(form(kPhotos, "com.example.extra"), PlistValue());
   EXPECT_EQ(as(kInstaller, {"remove", "/System/Tools/Extra.appex"}).status, 4);
-  Result noPlugIn = as(kPhotos, {"add", "/Applications"});
-  EXPECT_EQ(noPlugIn.status, 1);
-  EXPECT_NE(noPlugIn.err.find("unable to register plug-in at /Applications (VKErrorRegistry, 2)"), std::string::npos);
+  expectFailure(as(kPhotos, {"add", "/Applications"}), 1,
+                "unable to register plug-in at /Applications (VKErrorRegistry, 2)");
 }
 
 }  // namespace

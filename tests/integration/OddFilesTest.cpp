@@ -110,28 +110,23 @@ TEST_F(OddFiles, LinksThatAreSwappedLeadNobodyOut) {
   // What would do harm lies outside, and a link beside each victim leads to it, one way or the other.
   const fs::path outside = scratch_ / "outside";
   const PlistValue rights = dictionary(kManager, true);
-  const std::string victims[] = {plugIn("Whole"),
-                                 plugIn("Manifest") + "/Info.plist",
-                                 plugIn("Entitled") + "/plugin.entitlements",
-                                 plugIn("Deep") + "/Contents",
-                                 executable(kEvil) + ".entitlements",
-                                 kAnnotations,
-                                 "/var/db/catalon",
-                                 "/var/containers",
-                                 "/run/jobd"};
+  const std::string inManifest = plugIn("Manifest") + "/Info.plist", deep = plugIn("Deep") + "/Contents";
+  const std::string entitlements = plugIn("Entitled") + "/plugin.entitlements",
+                    evil = executable(kEvil) + ".entitlements";
+  const std::string victims[] = {plugIn("Whole"), inManifest,        entitlements,      deep,       evil,
+                                 kAnnotations,    "/var/db/catalon", "/var/containers", "/run/jobd"};
   std::vector<std::pair<fs::path, fs::path>> swaps;
+  std::string up;
+  for (int i = 0; i < 30; ++i) up += "../";
+  fs::create_directories(outside);
   for (const std::string& victim : victims) {
-    const fs::path target = outside / std::to_string(swaps.size());
+    const fs::path target = outside / std::to_string(swaps.size()), link = host(victim + "-link");
     if (fs::is_directory(host(victim))) {
-      addPlugIn(fs::relative(target, root_).string().insert(0, "/"), manifest("com.example.canary"), rights);
+      addPlugIn("/" + fs::relative(target, root_).string(), manifest("com.example.canary"), rights);
     } else {
-      fs::create_directories(outside);
       const bool isManifest = victim.ends_with("Info.plist");
       std::ofstream(target) << serializePropertyListXML(isManifest ? manifest("com.example.canary") : rights);
     }
-    const fs::path link = host(victim + "-link");
-    std::string up;
-    for (int i = 0; i < 30; ++i) up += "../";
     fs::create_symlink(swaps.size() % 2 == 0 ? target : fs::path(up + target.string().substr(1)), link);
     swaps.emplace_back(host(victim), link);
   }
@@ -145,7 +140,7 @@ TEST_F(OddFiles, LinksThatAreSwappedLeadNobodyOut) {
   const auto end = std::chrono::steady_clock::now() + kDuration;
   for (int i = 0; std::chrono::steady_clock::now() < end; ++i) {
     for (const PlistValue& form : matches(kPhotos)) EXPECT_NE(form["identifier"].stringValue(), "com.example.canary");
-    EXPECT_EQ(as(kEvil, {"match", "--all"}).status == 0, false) << "it is not entitled";
+    EXPECT_NE(as(kEvil, {"match", "--all"}).status, 0) << "it is not entitled";
     as(kPhotos, {"elect", "com.example.share", std::to_string(i)});
     as(kPhotos, {"ready", "com.example.share"});
     as(kPhotos, {"diagnose", plugIn("Whole"), plugIn("Manifest")});

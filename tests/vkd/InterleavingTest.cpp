@@ -4,23 +4,16 @@
 // VKD_INTERLEAVINGS says how many interleavings of each scenario; a failure names its seed, VKD_SEED takes it again.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <set>
 
 #include "tests/Support/SeededQueues.h"
+#include "tests/Support/Setting.h"
 #include "tests/vkd/FakeDaemon.h"
 
 namespace vkd::testing {
 namespace {
 
-using support::SeededQueues;
-
 constexpr std::uint64_t kInterleavings = 400;
-
-std::uint64_t setting(const char* name, std::uint64_t otherwise) {
-  const char* text = std::getenv(name);
-  return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 
 struct World {
   SeededQueues queues;
