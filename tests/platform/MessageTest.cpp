@@ -29,15 +29,6 @@ TEST(Message, EveryKindSurvivesTheWire) {
   EXPECT_EQ(encode(decodeMessage(encode(message))).view(), encode(message).view());
 }
 
-TEST(Message, EveryCutIsAnErrorWithItsPlace) {
-  std::string bytes(encode(sample()).view());
-  for (std::size_t size = 0; size < bytes.size(); ++size) {
-    DomainError error;
-    EXPECT_FALSE(decodeMessage(SharedSlice::take(bytes.substr(0, size)), &error)) << size;
-    EXPECT_LE(static_cast<std::size_t>(error.code), size);
-  }
-}
-
 TEST(Message, BoundsOfDepthAndElementsHold) {
   Message deep = true;
   for (std::size_t i = 0; i < kMessageMaxDepth; ++i) deep = Message::Array{deep};

@@ -68,14 +68,10 @@ TEST(PlistValue, GrowthWithoutEndIsRefused) {
   EXPECT_THROW(for (int i = 0; i < 64; ++i) doubleIt(), std::length_error);
 }
 
-TEST(PlistEncoding, AnEncodedValueIsEqualAndEncodesToTheSameBytes) {
-  PlistValue tree = sample();
-  SharedSlice bytes = encodePlist(tree).flat();
-  EXPECT_EQ(bytes.size(), tree.encodedSize());
-  PlistValue encoded = decodePlist(bytes);
-  EXPECT_EQ(encoded, tree);
-  EXPECT_EQ(encoded.description(), tree.description());
-  EXPECT_EQ(encodePlist(encoded).flat().view(), bytes.view());
+TEST(PlistEncoding, AnEncodedValueIsEqualAlsoAsAPartOfATree) {
+  PlistValue encoded = decodePlist(encodePlist(sample()).flat());
+  EXPECT_EQ(encoded, sample());
+  EXPECT_EQ(encoded.description(), sample().description());
   PlistValue mixed = PlistBuilder(encoded["nested"]).set("more", encoded).take();
   EXPECT_EQ(encodePlist(mixed).flat().size(), mixed.encodedSize());
   EXPECT_EQ(decodePlist(encodePlist(mixed).flat())["more"]["array"].at(3), PlistValue("x"));
@@ -86,19 +82,6 @@ TEST(PlistEncoding, LargeEncodedPartsAreReferredToNotCopied) {
   Rope rope = encodePlist(PlistBuilder().set("a", large).set("b", 1).take());
   ASSERT_EQ(rope.pieces().size(), 3u);
   EXPECT_EQ(rope.pieces()[1].view().data(), large.encoded().view().data());
-}
-
-TEST(PlistEncoding, EveryCutAndEveryWrongLengthIsAnError) {
-  std::string bytes(encodePlist(sample()).flat().view());
-  for (std::size_t size = 0; size < bytes.size(); ++size) {
-    DomainError error;
-    EXPECT_FALSE(decodePlist(SharedSlice::take(bytes.substr(0, size)), &error)) << size;
-    EXPECT_LE(static_cast<std::size_t>(error.code), size);
-  }
-  EXPECT_FALSE(decodePlist(SharedSlice::take(bytes + "T")));
-  std::string longer = bytes;
-  longer[1] = static_cast<char>(longer[1] + 1);
-  EXPECT_FALSE(decodePlist(SharedSlice::take(longer)));
 }
 
 TEST(PlistEncoding, WrongOrderDepthAndKindsAreErrors) {

@@ -157,24 +157,15 @@ TEST(XMLPropertyList, NestingIsBounded) {
 
 TEST(XMLPropertyList, WhatIsWrittenReadsBackTheSame) {
   constexpr double kInfinity = std::numeric_limits<double>::infinity();
-  std::string bytes;
-  for (int i = 0; i < 1000; ++i) bytes += static_cast<char>(i);
   const PlistValue value =
       PlistBuilder()
-          .set("numbers", PlistValue::array({INT64_MIN, UINT64_MAX, 0, 1.0, -0.0, 0.1, 5e-324, 1.7976931348623157e308,
-                                             kInfinity, -kInfinity, std::nan(""), true, false}))
+          .set("numbers", PlistValue::array({INT64_MIN, UINT64_MAX, -0.0, 0.1, 5e-324, -kInfinity, std::nan(""), true}))
           .set("a<b&c>", "\r\n\t <&>\"' ]]> \u007F \u0085 €😀")
-          .set("", PlistValue::array({"", PlistValue::data(""), PlistBuilder().take(), PlistValue::array({})}))
-          .set("data", PlistValue::array({PlistValue::data(bytes), PlistValue::data("a"), PlistValue::data("ab")}))
-          .set("dates", PlistValue::array({PlistValue::date(-62135596800), PlistValue::date(-1), PlistValue::date(0)}))
+          .set("", PlistValue::array({"", PlistValue::data(std::string(1000, '\xFE')), PlistValue::date(-62135596800)}))
           .take();
   const std::string xml = serializePropertyListXML(value);
   expectSame(parsePropertyList(xml), value);
   EXPECT_EQ(xml.find("<!DOCTYPE"), std::string::npos);
-  // But for a fraction of a second.
-  for (const auto& [seconds, whole] : {std::pair{-0.25, -1}, {1.75, 1}}) {
-    EXPECT_EQ(parsePropertyList(serializePropertyListXML(PlistValue::date(seconds))).dateValue(), whole);
-  }
 }
 
 TEST(XMLPropertyList, WhatXMLCannotCarryIsNotWritten) {
@@ -187,6 +178,10 @@ TEST(XMLPropertyList, WhatXMLCannotCarryIsNotWritten) {
   EXPECT_FALSE(appendPropertyListXML(out, PlistValue::array({"a", "b\x01\"c"}), 0, &error));
   EXPECT_EQ(out, "kept");
   EXPECT_EQ(error.localizedDescription(), "XML cannot carry the text \"b\\x01\\x22c\" because of byte 1");
+  // A date loses its fraction of a second.
+  for (const auto& [seconds, whole] : {std::pair{-0.25, -1}, {1.75, 1}}) {
+    EXPECT_EQ(parsePropertyList(serializePropertyListXML(PlistValue::date(seconds))).dateValue(), whole);
+  }
   for (double seconds : {1e12, -1e12, std::nan("")}) EXPECT_EQ(serializePropertyListXML(PlistValue::date(seconds)), "");
   EXPECT_EQ(serializePropertyListXML(PlistValue()), "");
 }
