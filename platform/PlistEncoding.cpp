@@ -38,6 +38,7 @@ void PlistEncoder::raw(const SharedSlice& slice) {
     return;
   }
   references_.push_back({own_.size(), slice});
+  referencedSize_ += slice.size();
   if (own_.size() < kOwnBufferSize) return;
   flush();
   own_.reserve(kOwnBufferSize + kReferencedPartSize);
@@ -53,6 +54,7 @@ void PlistEncoder::flush() {
   }
   rope_.append(own.part(from, own.size() - from));
   references_.clear();
+  referencedSize_ = 0;
 }
 
 Rope PlistEncoder::take() {

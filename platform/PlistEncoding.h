@@ -53,6 +53,8 @@ class PlistEncoder {
   void key(std::string_view key);
   void raw(std::string_view bytes) { own_.append(bytes); }
   void raw(const SharedSlice& slice);
+  // Bytes so far.
+  std::uint64_t size() const { return rope_.size() + own_.size() + referencedSize_; }
   Rope take();
 
  private:
@@ -66,6 +68,7 @@ class PlistEncoder {
   // What is not yet in the rope: bytes, and the parts that stand between them.
   std::string own_;
   std::vector<Reference> references_;
+  std::uint64_t referencedSize_ = 0;
   Rope rope_;
 };
 

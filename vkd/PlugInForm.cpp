@@ -23,13 +23,6 @@ constexpr std::uint64_t kDictionaryHead = 1 + 2 * sizeof(std::uint32_t);
 
 std::uint64_t entrySize(std::string_view key, std::uint64_t valueSize) { return kKeyHead + key.size() + valueSize; }
 
-std::string encodedEntry(std::string_view key, const PlistValue& value) {
-  PlistEncoder encoder;
-  encoder.key(key);
-  if (value) encoder.value(value);
-  return std::string(encoder.take().flat().view());
-}
-
 void appendText(PlistEncoder& encoder, std::string_view key, std::string_view text) {
   if (text.empty()) return;
   encoder.key(key);
@@ -49,11 +42,12 @@ bool isAddition(std::string_view key) {
 
 PlugInForm::PlugInForm(const PlistValue& form)
     : systemResident_(form[kVKFormSystemResident].boolValue()), lastModified_(form[kVKFormLastModified].intValue()) {
+  PlistEncoder encoder;
   std::size_t section = BeforeExtensions;
   const auto endSections = [&](std::size_t upTo) {
-    while (section < upTo) ends_[section++] = kept_.size();
+    while (section < upTo) ends_[section++] = encoder.size();
   };
-  // Where a text that requests look at begins, until kept_ stays where it is.
+  // Where a text that requests look at begins.
   std::size_t identifier = 0, version = 0, uuid = 0;
   for (const auto& [key, value] : form.entries()) {
     if (key > kVKFormExtensions) endSections(BeforeOverrides);
@@ -61,20 +55,20 @@ PlugInForm::PlugInForm(const PlistValue& form)
     if (isAddition(key)) continue;
     ++count_;
     size_ += entrySize(key, value.encodedSize());
+    encoder.key(key);
     SharedSlice lying = value.encoded();
     if (lying.size() >= kReferredSize && lying.owner() != nullptr && referenceCount_ < kMaxReferences) {
-      kept_ += encodedEntry(key, PlistValue());
-      references_[referenceCount_++] = Reference{kept_.size(), std::move(lying)};
+      references_[referenceCount_++] = Reference{encoder.size(), std::move(lying)};
       continue;
     }
-    kept_ += encodedEntry(key, value);
-    const std::size_t text = kept_.size() - value.stringValue().size();
+    encoder.value(value);
+    const std::size_t text = encoder.size() - value.stringValue().size();
     if (key == kVKFormIdentifier) identifier = text;
     if (key == kVKFormVersion) version = text;
     if (key == kVKFormUUID) uuid = text;
   }
   endSections(SectionCount);
-  kept_.shrink_to_fit();
+  kept_ = encoder.take().flat().view();
   const auto textAt = [&](std::string_view key, std::size_t offset) {
     return std::string_view(kept_).substr(offset, form[key].stringValue().size());
   };
