@@ -33,19 +33,21 @@ class VKPlugInSDK : public testing::Test {
   std::shared_ptr<VKPlugInCore> record = VKPlugInCore::init();
 };
 
-TEST_F(VKPlugInSDK, ThePlugInsOwnValuesWinAtEveryDepth) {
-  EXPECT_EQ(merge(dictionary({{"a", 1}, {"in", dictionary({{"b", 2}, {"c", 3}, {"list", list({1})}})}}),
-                  dictionary({{"x", 0}, {"in", dictionary({{"b", 4}, {"list", list({2})}})}})),
-            dictionary({{"a", 1}, {"x", 0}, {"in", dictionary({{"b", 4}, {"c", 3}, {"list", list({2})}})}}));
-  EXPECT_EQ(merge(dictionary({{"a", dictionary({{"b", 1}})}}), dictionary({{"a", "text"}})),
-            dictionary({{"a", "text"}}));
-}
-
-TEST_F(VKPlugInSDK, TheSDKDecidesTheCleanTimeout) {
-  EXPECT_EQ(merge(dictionary({{"in", dictionary({{"CleanTimeout", 10}})}}),
-                  dictionary({{"in", dictionary({{"CleanTimeout", 30}})}})),
-            dictionary({{"in", dictionary({{"CleanTimeout", 10}})}}));
-  EXPECT_EQ(merge(dictionary({}), dictionary({{"CleanTimeout", 30}})), dictionary({{"CleanTimeout", 30}}));
+TEST_F(VKPlugInSDK, ThePlugInsOwnValuesWinAtEveryDepthButForTheCleanTimeout) {
+  const auto in = [](std::vector<std::pair<std::string, PlistValue>> entries) {
+    return dictionary({{"in", dictionary(std::move(entries))}});
+  };
+  const PlistValue one = list({1}), two = list({2}), text = dictionary({{"in", "text"}});
+  const struct {
+    PlistValue sdk, own, merged;
+  } cases[] = {
+      {in({{"b", 2}, {"c", 3}, {"l", one}}), in({{"b", 4}, {"l", two}}), in({{"b", 4}, {"c", 3}, {"l", two}})},
+      {dictionary({{"a", 1}}), dictionary({{"x", 0}}), dictionary({{"a", 1}, {"x", 0}})},
+      {in({{"b", 1}}), text, text},
+      {in({{"CleanTimeout", 10}}), in({{"CleanTimeout", 30}}), in({{"CleanTimeout", 10}})},
+      {dictionary({}), in({{"CleanTimeout", 30}}), in({{"CleanTimeout", 30}})},
+  };
+  for (const auto& [sdk, own, merged] : cases) EXPECT_EQ(merge(sdk, own), merged) << merged.description();
 }
 
 TEST_F(VKPlugInSDK, SharedResourcesAreUnited) {

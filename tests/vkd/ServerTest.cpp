@@ -107,15 +107,10 @@ TEST(Client, KnowsItsProcessAndLivesThroughItsConnection) {
   FakeClient client = daemon.connect();
   EXPECT_TRUE(log.has(LogLevel::Debug, "ops", "new client 77 /Applications/Host.app/run"));
   EXPECT_TRUE(client.connection->resumed);
-  auto object = client.object();
-  EXPECT_TRUE(object->description().ends_with(" con=<FakeConnection pid 77> pid=77 path=/Applications/Host.app/run>"));
-  std::weak_ptr<VKDZypClient> weak = object;
+  std::weak_ptr<VKDZypClient> object = client.object();
+  EXPECT_TRUE(object.lock()->description().ends_with(" pid=77 path=/Applications/Host.app/run>"));
   FakeDaemon::disconnect(*client.connection);
-  daemon.connections.clear();
-  client.connection = nullptr;
-  EXPECT_TRUE(object->description().ends_with(" NO CONNECTION>")) << object->description();
-  object = nullptr;
-  EXPECT_TRUE(weak.expired());
+  EXPECT_TRUE(object.expired());
 }
 
 TEST(Client, IsServedWithoutAnExecutable) {
@@ -133,15 +128,16 @@ TEST(Client, TakesEventsThatAreNoRequests) {
   FakeDaemon daemon;
   FakeClient client = daemon.connect();
   CapturedLog log;
-  client.deliver(Message::error(ConnectionError::TerminationImminent, "soon"));
-  EXPECT_TRUE(log.has(LogLevel::Debug, "ops", "client 77 termination imminent"));
-  client.deliver(Message::error(ConnectionError::Other, "strange"));
-  EXPECT_TRUE(log.has(LogLevel::Error, "ops", "unexpected error type from zyp: strange"));
-  client.deliver(Message("text"));
-  EXPECT_TRUE(log.has(LogLevel::Error, "ops", "unexpected message: " + Message("text").description() + " from: 77"));
-  EXPECT_EQ(client.ask("bulk"), success()) << "it is still served";
-  client.die();
-  EXPECT_TRUE(log.has(LogLevel::Debug, "ops", "client 77 is dead"));
+  const std::pair<Message, std::string> events[] = {
+      {Message::error(ConnectionError::TerminationImminent, "soon"), "client 77 termination imminent"},
+      {Message::error(ConnectionError::Other, "strange"), "unexpected error type from zyp: strange"},
+      {Message("text"), "unexpected message: " + Message("text").description() + " from: 77"},
+  };
+  for (const auto& [event, line] : events) {
+    client.deliver(event);
+    EXPECT_EQ(log.count(line), 1) << log;
+    EXPECT_EQ(client.ask("bulk"), success()) << "it is still served";
+  }
 }
 
 TEST(Client, HasAnEntitlementThatDoesNotEqualFalseAndIsAskedOnceARequest) {
