@@ -5,6 +5,7 @@
 #include <iostream>
 #include <map>
 
+#include "tests/Support/Environment.h"
 #include "tests/Support/Footprint.h"
 #include "tests/integration/Device.h"
 #include "tests/soak/SoakClients.h"
@@ -12,6 +13,7 @@
 namespace {
 
 using namespace integration;
+using support::numberFrom;
 
 constexpr std::uint64_t kDefaultSeconds = 4;
 constexpr std::size_t kPlugIns = 8;
@@ -21,10 +23,6 @@ constexpr const char* kFresh = "com.example.fresh";
 constexpr std::size_t kMemoryFactorPercent = 150;
 constexpr std::size_t kMemorySlackKilobytes = 16 * 1024;
 
-std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
-  const char* text = std::getenv(variable);
-  return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 std::vector<std::string> allPaths() {
   std::vector<std::string> paths;
   for (std::size_t i = 0; i < kPlugIns; ++i) {

@@ -1,10 +1,13 @@
 // What the registry makes of changes, while it runs and between two of its runs.
+//
+// VKD_FOLLOW_ROUNDS is how many rounds of random changes there are, VKD_FOLLOW_SEED repeats their choices.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <map>
 #include <random>
 
+#include "tests/Support/Environment.h"
 #include "tests/Support/RegistryDevice.h"
 
 namespace {
@@ -13,6 +16,7 @@ using namespace platform;
 using namespace support;
 using Paths = std::vector<std::string>;
 
+constexpr std::uint64_t kDefaultRounds = 30;
 const std::string kApp = "/Applications/A.app";
 const std::string kPlugIn = kApp + "/PlugIns/X.appex";
 const std::string kOther = "/opt/plugins/Y.appex";
@@ -164,11 +168,12 @@ TEST_F(RegistryFollowTest, EndsWhereAFreshStartWouldBegin) {
       places.push_back(app + part);
     }
   }
-  const unsigned seed = std::random_device()();
+  const std::uint64_t seed = numberFrom("VKD_FOLLOW_SEED", std::random_device()());
+  const std::uint64_t rounds = numberFrom("VKD_FOLLOW_ROUNDS", kDefaultRounds);
   SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
   open();
-  for (int round = 0; round < 30 && !HasFailure(); ++round) {
+  for (std::uint64_t round = 0; round < rounds && !HasFailure(); ++round) {
     for (std::size_t count = 1 + random() % 12; count > 0; --count) {
       change(random() % 8, places[random() % places.size()], places[random() % places.size()], random);
     }
