@@ -56,7 +56,7 @@ TEST_F(EnablingTest, ThePlugInsOwnEnvironmentWins) {
 
 TEST_F(EnablingTest, TheExtensionPointAndConsentChooseTheSandbox) {
   const std::string keyboard = "com.vantrel.keyboard-service";
-  const PlistValue none;
+  const PlistValue none = {};
   const struct {
     std::string point;
     PlistValue openAccess;

@@ -86,7 +86,7 @@ TEST_F(MatchingTest, TextsCompareVersionsOrTypes) {
 }
 
 TEST_F(MatchingTest, BooleansAskForPresenceAndOneOfThePatternsMustHoldForOneOfTheValues) {
-  const PlistValue none, values = list({7, "a", "b"}), mixed = list({"c", true}), data = PlistValue::data("2");
+  const PlistValue none = {}, values = list({7, "a", "b"}), mixed = list({"c", true}), data = PlistValue::data("2");
   const Pairs hold = {{"NO", true},  {"NO", 1}, {list({}), 1.0}, {0.0, 0},
                       {none, false}, {none, 0}, {values, "b"},   {values, list({3, "c", "a"})}};
   const Pairs doNot = {{false, true},      {0, 1},        {none, true}, {"", false}, {none, "<>x"}, {values, mixed},

@@ -86,7 +86,7 @@ TEST(StalledService, ElsewhereStopsNobody) {
       SCOPED_TRACE(std::string(service) + ", seed " + std::to_string(seed));
       Scene scene(service, seed);
       scene.shut = true;
-      scene.queues.thread("waiting", [&] { wait(scene); });
+      scene.queues.thread("waiting", [&scene, &ask = wait] { ask(scene); });
       EXPECT_FALSE(scene.queues.run()) << "the service was not asked";
 
       scene.deliver(scene.host, annotateRequest({}, election(1)));
