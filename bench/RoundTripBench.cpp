@@ -77,7 +77,7 @@ struct EchoService {
     std::string reason;
     listener = messages->listen("echo", queues->serial("zyp", WorkQueue::Order::Outer), &reason);
     if (listener == nullptr) throw std::runtime_error(reason);
-    listener->setConnectionHandler([this](std::shared_ptr<MessageConnection> peer) {
+    listener->setConnectionHandler([this](const std::shared_ptr<MessageConnection>& peer) {
       peer->setEventHandler([this, weak = std::weak_ptr(peer)](Message event) {
         if (event.isError()) return;
         service->async([weak, event = std::move(event)] {

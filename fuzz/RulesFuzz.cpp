@@ -2,6 +2,7 @@
 // entry of the rules, and is the same every time; what becomes of a rule does not depend on the others.
 //
 // u16 length, the encoded rules; the rest is the encoded plug-in section with an entry "entitlements".
+#include <compare>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -30,13 +31,13 @@ bool comparisonHolds(std::string_view value, std::string_view pattern) {
   const auto holds = [&](std::size_t operatorLength, auto test) {
     return test(compareVersionString(value, pattern.substr(operatorLength)));
   };
-  if (pattern.starts_with("<>")) return holds(2, [](auto order) { return order != 0; });
-  if (pattern.starts_with("<=")) return holds(2, [](auto order) { return order <= 0; });
-  if (pattern.starts_with(">=")) return holds(2, [](auto order) { return order >= 0; });
-  if (pattern.starts_with("=")) return holds(1, [](auto order) { return order == 0; });
-  if (pattern.starts_with("<")) return holds(1, [](auto order) { return order < 0; });
-  if (pattern.starts_with(">")) return holds(1, [](auto order) { return order > 0; });
-  return holds(0, [](auto order) { return order == 0; });
+  if (pattern.starts_with("<>")) return holds(2, std::is_neq);
+  if (pattern.starts_with("<=")) return holds(2, std::is_lteq);
+  if (pattern.starts_with(">=")) return holds(2, std::is_gteq);
+  if (pattern.starts_with("=")) return holds(1, std::is_eq);
+  if (pattern.starts_with("<")) return holds(1, std::is_lt);
+  if (pattern.starts_with(">")) return holds(1, std::is_gt);
+  return holds(0, std::is_eq);
 }
 
 bool textHolds(const PlistValue& value, const PlistValue& pattern) {

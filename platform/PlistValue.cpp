@@ -98,7 +98,9 @@ PlistValue PlistValue::array(std::vector<PlistValue> elements) {
 PlistValue PlistValue::dictionary(std::vector<std::pair<std::string, PlistValue>> entries) {
   std::vector<std::pair<PlistValue, PlistValue>> shared;
   shared.reserve(entries.size());
-  for (auto& [key, value] : entries) shared.emplace_back(string(SharedSlice::take(std::move(key))), std::move(value));
+  for (auto& entry : entries) {
+    shared.emplace_back(string(SharedSlice::take(std::move(entry.first))), std::move(entry.second));
+  }
   return dictionarySharingKeys(std::move(shared));
 }
 

@@ -23,7 +23,7 @@ constexpr int kQuietTicks = 16;
 // Events taken at once: enough for a busy round, few enough to be fair to what comes meanwhile.
 constexpr int kEventsPerRound = 64;
 // One read takes so much of a socket. Larger messages are read into a buffer of their own.
-constexpr std::size_t kScratchBytes = 64 * 1024;
+constexpr std::size_t kScratchBytes = std::size_t{64} << 10;
 
 constexpr EventLoop::Watch kStopWatch = 0;
 
