@@ -51,7 +51,7 @@ struct FakeRecord : RegistryPlugInRecord {
   mutable std::atomic<int> urlReads = 0;
 
   // A good application extension inside /Applications/Host.app; `attributes` complete its own.
-  static std::shared_ptr<FakeRecord> appex(std::string identifier, const PlistValue& attributes = {}) {
+  static std::shared_ptr<FakeRecord> appex(const std::string& identifier, const PlistValue& attributes = {}) {
     auto record = std::make_shared<FakeRecord>();
     record->identifier = record->original = identifier;
     record->url = FileURL{pathOf(identifier)};
