@@ -15,7 +15,7 @@ namespace platform {
 namespace {
 
 // A peer chooses some of the texts. More of one than this helps nobody, and the system journal splits longer lines.
-constexpr std::size_t kMaxTextBytes = 16 * 1024;
+constexpr std::size_t kMaxTextBytes = std::size_t{16} << 10;
 
 struct LevelName {
   std::string_view name;

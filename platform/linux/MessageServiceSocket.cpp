@@ -41,7 +41,7 @@ std::string temporaryName(const std::string& name) {
   return text;
 }
 
-std::string withError(std::string text) { return text + ": " + std::strerror(errno); }
+std::string withError(const std::string& text) { return text + ": " + std::strerror(errno); }
 
 }  // namespace
 

@@ -16,6 +16,7 @@ struct RegistryUnit {
   enum class Kind { Everything, Application, Bundle };
   Kind kind;
   std::string path;  // a device path; empty for everything
+  // NOLINTNEXTLINE(modernize-use-nullptr): the zero is the compiler's own
   friend auto operator<=>(const RegistryUnit&, const RegistryUnit&) = default;
 };
 

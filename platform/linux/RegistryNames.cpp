@@ -47,8 +47,9 @@ PlistValue RegistryNames::table(const DeviceRoot& root, const RegistryLanguages&
   if (generation_ == languages.generation()) return table_;
   generation_ = languages.generation();
   table_ = {};
+  const std::string folder = supportPath + "/" + kLocalizedFolder + "/";
   for (const std::string& language : languages.names()) {
-    table_ = readPlistFile(root, supportPath + "/" + kLocalizedFolder + "/" + language + ".plist");
+    table_ = readPlistFile(root, std::string(folder).append(language).append(".plist"));
     if (table_.isDictionary()) break;
   }
   return table_;
