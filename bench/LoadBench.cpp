@@ -1,5 +1,5 @@
 // Drives the real daemon along its main roads and prints what each costs beside its limit. Exit status 0 when every
-// target was met. Arguments name groups: roundtrips, matches, annotations, starts; none means all.
+// target was met. Arguments name groups: roundtrips, matches, annotations, crowds, starts; none means all.
 #include <cstdio>
 #include <cstring>
 
@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
   const Group groups[] = {{"roundtrips", bench::measureRoundTrips},
                           {"matches", bench::measureMatches},
                           {"annotations", bench::measureAnnotations},
+                          {"crowds", bench::measureCrowds},
                           {"starts", bench::measureStarts}};
   bench::Table table;
   for (const Group& group : groups) {

@@ -95,6 +95,12 @@ void WireClient::receiveRest(char* payload, std::size_t size) {
   readAll(fd_, payload + here, size - here);
 }
 
+void WireClient::flood(std::string_view frame, int times) {
+  for (int i = 0; i < times; ++i) {
+    if (::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) return;
+  }
+}
+
 std::string WireClient::receive() {
   std::string payload(receiveHead(), '\0');
   receiveRest(payload.data(), payload.size());

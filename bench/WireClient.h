@@ -28,6 +28,8 @@ class WireClient {
   static platform::Message request(std::string_view type);
 
   void send(std::string_view frame) { writeAll(fd_, frame.data(), frame.size()); }
+  // Sends a frame again and again as far as the socket takes it without waiting.
+  void flood(std::string_view frame, int times);
   // The payload of the next reply, not looked into.
   std::string receive();
   // Reads the next reply into `payload`, whose memory is used again.

@@ -15,8 +15,6 @@
 namespace platform {
 namespace {
 
-// Clients accepted in a round, before those who are connected have their turn.
-constexpr int kAcceptsPerRound = 16;
 // How long to look away when there are no descriptors: long against accepting, short for a client that waits.
 constexpr long kPauseNanoseconds = 100'000'000;
 // Whoever connects in a loop must not fill the log.
@@ -49,20 +47,18 @@ void MessageAcceptor::stop() {
 void MessageAcceptor::ready(std::uint32_t) {
   std::lock_guard lock(mutex_);
   if (stopped_ || (paused_ && !pauseOver())) return;
-  for (int i = 0; i < kAcceptsPerRound && acceptOne(); ++i) {
-  }
+  // One a round: whoever is connected has a turn in between, for welcoming takes as long as dozens of requests.
+  acceptOne();
 }
 
-// Caller holds mutex_, here and below. False when no other client can be accepted now.
-bool MessageAcceptor::acceptOne() {
+// Caller holds mutex_, here and below.
+void MessageAcceptor::acceptOne() {
   UniqueFd socket(::accept4(service_->fd(), nullptr, nullptr, SOCK_CLOEXEC));
   if (socket) {
     welcome(std::move(socket));
-    return true;
+  } else if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
+    pause();
   }
-  if (errno == EINTR || errno == ECONNABORTED) return true;
-  if (errno != EAGAIN) pause();
-  return false;
 }
 
 void MessageAcceptor::welcome(UniqueFd socket) {

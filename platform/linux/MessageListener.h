@@ -26,7 +26,7 @@ class MessageAcceptor final : public EventSource, public std::enable_shared_from
   void ready(std::uint32_t events) override;
 
  private:
-  bool acceptOne();
+  void acceptOne();
   void welcome(UniqueFd socket);
   void refuse(std::int32_t pid, const char* why);
   void pause();
