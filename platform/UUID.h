@@ -23,7 +23,7 @@ struct UUID {
   // The canonical form: 8-4-4-4-12 upper-case hexadecimal digits.
   std::string text() const;
 
-  friend auto operator<=>(const UUID&, const UUID&) = default;
+  friend auto operator<=>(const UUID&, const UUID&) = default;  // NOLINT(modernize-use-nullptr)
 };
 
 }  // namespace platform

@@ -129,7 +129,9 @@ int Verbs::complainAboutOptions(CLI::App* verb, const CLI::ParseError& error) co
   for (const std::string& word : app_.remaining(true)) {
     if (!word.starts_with('-')) continue;
     std::string bare = word.substr(0, word.find('='));
-    return usageError(prefix + escaped(bare) + ": no such option" + proposal(bare, options) + " (" + help + ")");
+    std::string wrong = prefix + escaped(bare);
+    wrong.append(": no such option").append(proposal(bare, options)).append(" (").append(help).append(")");
+    return usageError(wrong);
   }
   return usageError(prefix + escaped(error.what()) + " (" + help + ")");
 }

@@ -1,6 +1,7 @@
 #include "vkd/Discovery.h"
 
 #include <bit>
+#include <compare>
 
 #include "Vornik/VKKeys.h"
 #include "Vornik/VKLog.h"
@@ -120,7 +121,7 @@ Verdict Discovery::selectVersion(const PlugInForm& form, std::uint32_t& bucket) 
   if (rivalLink == nullptr) return Verdict();
   Result& rival = results_[*rivalLink];
   const auto order = compareVersionString(form.version(), rival.form->version());
-  if (order < 0 || (order == 0 && !isNewer(form, *rival.form))) {
+  if (std::is_lt(order) || (std::is_eq(order) && !isNewer(form, *rival.form))) {
     return Verdict::refused(Verdict::Filter::Version, rival.plugIn->uuid());
   }
   *rivalLink = rival.next;
@@ -139,7 +140,7 @@ std::uint32_t* Discovery::rivalOf(const PlugInForm& form, std::uint32_t& bucket)
 // Plug-ins of one identifier; when all its versions are wanted, those of one version.
 bool Discovery::compete(const PlugInForm& form, const PlugInForm& other) const {
   if (form.identifier() != other.identifier()) return false;
-  return !has(VKDiscoverAllVersions) || compareVersionString(form.version(), other.version()) == 0;
+  return !has(VKDiscoverAllVersions) || std::is_eq(compareVersionString(form.version(), other.version()));
 }
 
 std::uint32_t& Discovery::bucketOf(const PlugInForm& form) {

@@ -207,7 +207,7 @@ bool VKDAnnotationStore::saveDb(DomainError* error) {
 std::string VKDAnnotationStore::fileText() {
   const PlistValue empty =
       PlistBuilder().set(kVKStoreVersion, kStoreVersion).set(kVKStoreData, PlistBuilder().take()).take();
-  const std::string frame = serializePropertyListXML(empty);
+  std::string frame = serializePropertyListXML(empty);
   constexpr std::string_view kEmptyTable = "<dict/>";
   const std::size_t gap = frame.find(kEmptyTable);
 

@@ -1,6 +1,7 @@
 // Whether a plug-in matches rules. Reads the record, the stored election and two platform services; logs, and changes
 // nothing.
 #include <algorithm>
+#include <compare>
 #include <cstdint>
 #include <string>
 
@@ -23,17 +24,17 @@ bool compares(std::weak_ordering order, StringPattern::Operator op) {
   using enum StringPattern::Operator;
   switch (op) {
     case NotSame:
-      return order != 0;
+      return std::is_neq(order);
     case NotGreater:
-      return order <= 0;
+      return std::is_lteq(order);
     case NotLess:
-      return order >= 0;
+      return std::is_gteq(order);
     case Same:
-      return order == 0;
+      return std::is_eq(order);
     case Less:
-      return order < 0;
+      return std::is_lt(order);
     case Greater:
-      return order > 0;
+      return std::is_gt(order);
     default:
       return false;
   }

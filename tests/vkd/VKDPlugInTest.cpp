@@ -149,7 +149,7 @@ TEST_F(VKDPlugInTest, TheKeptFormEqualsTheExportedOneWithAnythingAdded) {
   EXPECT_EQ(assembled(*plugIn->form(nullptr), {})["localizedDisplayName"], PlistValue("Other"));
 
   PlistEncoder encoder;
-  form->append(encoder, {});
+  plugIn->form(nullptr)->append(encoder, {});
   const Rope rope = encoder.take();
   const char* manifest = record->manifest.encoded().view().data();
   EXPECT_TRUE(std::ranges::any_of(rope.pieces(), [&](const auto& piece) { return piece.view().data() == manifest; }))
