@@ -66,8 +66,8 @@ TEST(VKPlugInCore, ManifestAndPathDecideTheKind) {
   EXPECT_EQ(plain->sdkSpec(), "com.example.sharing");
   EXPECT_TRUE(extension->isAppExtension());
   for (const char* path : {"/A.APPEX", "/A.appex/"}) EXPECT_FALSE(plugInAt(path, kSection)->isAppExtension()) << path;
-  for (const auto& spec : {extension->protocolSpec(), extension->principalSpec(), extension->embeddedProtocolSpec()}) {
-    EXPECT_EQ(spec, "ZoObject");
+  for (const auto& name : {extension->protocolSpec(), extension->principalSpec(), extension->embeddedProtocolSpec()}) {
+    EXPECT_EQ(name, "ZoObject");
   }
   PlistBuilder rich(kSection);
   rich.set("Dedicated", true).set("EmbeddedCode", false).set("EmbeddedProtocol", "E").set("Multiple", false);

@@ -5,15 +5,15 @@
 #include <iostream>
 #include <map>
 
-#include "tests/Support/Environment.h"
 #include "tests/Support/Footprint.h"
+#include "tests/Support/Setting.h"
 #include "tests/integration/Device.h"
 #include "tests/soak/SoakClients.h"
 
 namespace {
 
 using namespace integration;
-using support::numberFrom;
+using support::setting;
 
 constexpr std::uint64_t kDefaultSeconds = 4;
 constexpr std::size_t kPlugIns = 8;
@@ -136,7 +136,7 @@ class Soak : public Device {
     std::cout << "before: " << before << "\nafter:  " << now << "\n";
   }
 
-  const std::uint64_t seed_ = numberFrom("SOAK_SEED", std::random_device()());
+  const std::uint64_t seed_ = setting("SOAK_SEED", std::random_device()());
   soak::Shared shared_;
   std::mt19937_64 random_;
   std::vector<std::unique_ptr<Program>> victims_;
@@ -144,7 +144,7 @@ class Soak : public Device {
 };
 
 TEST_F(Soak, LeavesNothingBehind) {
-  const std::chrono::seconds time(numberFrom("SOAK_SECONDS", kDefaultSeconds));
+  const std::chrono::seconds time(setting("SOAK_SECONDS", kDefaultSeconds));
   std::cout << "SOAK_SEED=" << seed_ << std::endl;
   auto daemon = startOn({}, "com.vantrel.vornik.vkd");
   // Once around before it counts: threads that start with the first need, tables at their usual size.

@@ -7,8 +7,8 @@
 #include <map>
 #include <random>
 
-#include "tests/Support/Environment.h"
 #include "tests/Support/RegistryDevice.h"
+#include "tests/Support/Setting.h"
 
 namespace {
 
@@ -168,8 +168,8 @@ TEST_F(RegistryFollowTest, EndsWhereAFreshStartWouldBegin) {
       places.push_back(app + part);
     }
   }
-  const std::uint64_t seed = numberFrom("VKD_FOLLOW_SEED", std::random_device()());
-  const std::uint64_t rounds = numberFrom("VKD_FOLLOW_ROUNDS", kDefaultRounds);
+  const std::uint64_t seed = setting("VKD_FOLLOW_SEED", std::random_device()());
+  const std::uint64_t rounds = setting("VKD_FOLLOW_ROUNDS", kDefaultRounds);
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
   open();
