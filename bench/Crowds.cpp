@@ -20,8 +20,9 @@ constexpr std::size_t kCrowd = 512;
 constexpr double kSlowest = 0.99;
 // More than a socket holds: the last of them wait until the first were read.
 constexpr int kUnreadRequests = 4000;
-// Microseconds after which the daemon has answered what it takes of them, and stopped reading.
-constexpr useconds_t kAnswered = 500'000;
+// Microseconds after which the daemon has done what a crowd leaves it to do: answer what it takes of those who do not
+// read, and clear away after those who are gone.
+constexpr useconds_t kSettled = 500'000;
 constexpr double kTarget = 2.0;
 // The polite client and the daemon have a core each, so that rounds differ by what is beside them alone.
 constexpr int kPoliteCpu = 0;
@@ -50,7 +51,10 @@ class Crowd {
     if (::read(formed[0], &done, 1) != 1) std::exit(1);
     ::close(formed[0]);
   }
-  ~Crowd() { stop(pid_); }
+  ~Crowd() {
+    stop(pid_);
+    ::usleep(kSettled);
+  }
   Crowd(const Crowd&) = delete;
   Crowd& operator=(const Crowd&) = delete;
 
@@ -97,7 +101,7 @@ void measureCrowds(Table& table) {
       {"512 clients that do not read",
        [&](Clients& clients) {
          while (clients.size() < kCrowd) join(clients)->flood(frame, kUnreadRequests);
-         ::usleep(kAnswered);
+         ::usleep(kSettled);
        },
        nullptr},
       {"512 halves of a frame",
