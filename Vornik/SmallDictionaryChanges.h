@@ -4,7 +4,8 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/PlistValue.h"
+#include "Vornik/VKStandard.h"
+#include "platform/values/PlistValue.h"
 
 namespace Vornik {
 

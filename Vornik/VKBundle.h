@@ -8,9 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "platform/FileURL.h"
-#include "platform/PlistValue.h"
+#include "Vornik/VKStandard.h"
 #include "platform/ServiceBundle.h"
+#include "platform/values/FileURL.h"
+#include "platform/values/PlistValue.h"
 
 namespace Vornik {
 

@@ -1,7 +1,7 @@
 #include "Vornik/VKDPlugInSignature.h"
 
-#include "platform/SHA.h"
-#include "platform/UUID.h"
+#include "platform/values/SHA.h"
+#include "platform/values/UUID.h"
 
 namespace Vornik {
 

@@ -8,8 +8,9 @@
 #include <optional>
 #include <string>
 
-#include "platform/DomainError.h"
-#include "platform/FileURL.h"
+#include "Vornik/VKStandard.h"
+#include "platform/values/DomainError.h"
+#include "platform/values/FileURL.h"
 
 namespace Vornik {
 

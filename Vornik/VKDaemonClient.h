@@ -24,13 +24,14 @@
 #include <string_view>
 
 #include "Vornik/VKProtocol.h"
-#include "platform/DomainError.h"
-#include "platform/Message.h"
+#include "Vornik/VKStandard.h"
 #include "platform/MessageConnection.h"
-#include "platform/PlistValue.h"
 #include "platform/Services.h"
-#include "platform/UUID.h"
 #include "platform/WorkQueue.h"
+#include "platform/values/DomainError.h"
+#include "platform/values/Message.h"
+#include "platform/values/PlistValue.h"
+#include "platform/values/UUID.h"
 
 namespace Vornik {
 

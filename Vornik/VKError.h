@@ -7,8 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/DomainError.h"
-#include "platform/Format.h"
+#include "Vornik/VKStandard.h"
+#include "platform/values/DomainError.h"
+#include "platform/values/Format.h"
 
 namespace Vornik {
 

@@ -1,6 +1,8 @@
 // The messages of failed requests that a client has reason to tell from others with the same code.
 #pragma once
 
+#include "Vornik/VKStandard.h"
+
 namespace Vornik {
 
 // VKErrorInvalidRequest: a UUID that names no installed plug-in.

@@ -5,6 +5,7 @@
 
 #include <string_view>
 
+#include "Vornik/VKStandard.h"
 #include "platform/ManifestKeys.h"
 
 namespace Vornik {

@@ -2,6 +2,7 @@
 // platform's default log. From any thread.
 #pragma once
 
+#include "Vornik/VKStandard.h"
 #include "platform/Log.h"
 
 namespace Vornik {

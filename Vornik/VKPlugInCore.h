@@ -27,11 +27,12 @@
 #include <utility>
 #include <vector>
 
-#include "platform/DomainError.h"
-#include "platform/FileURL.h"
-#include "platform/PlistValue.h"
-#include "platform/UUID.h"
+#include "Vornik/VKStandard.h"
 #include "platform/UserServices.h"
+#include "platform/values/DomainError.h"
+#include "platform/values/FileURL.h"
+#include "platform/values/PlistValue.h"
+#include "platform/values/UUID.h"
 
 namespace Vornik {
 

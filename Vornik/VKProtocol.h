@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "Vornik/VKStandard.h"
+
 namespace Vornik {
 
 inline constexpr std::string_view kVKServiceName = "com.vantrel.vornik.vkd";

@@ -7,8 +7,9 @@
 #include <optional>
 #include <string>
 
-#include "platform/FileURL.h"
+#include "Vornik/VKStandard.h"
 #include "platform/SandboxService.h"
+#include "platform/values/FileURL.h"
 
 namespace Vornik {
 

@@ -7,6 +7,8 @@
 #include <compare>
 #include <string_view>
 
+#include "Vornik/VKStandard.h"
+
 namespace Vornik {
 
 // less: `version` sorts before `other`. A pure function; allocates nothing.

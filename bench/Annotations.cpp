@@ -8,7 +8,7 @@
 #include "bench/Roads.h"
 #include "bench/SampleRoot.h"
 #include "bench/WireClient.h"
-#include "platform/PropertyList.h"
+#include "platform/plists/PropertyList.h"
 
 namespace bench {
 

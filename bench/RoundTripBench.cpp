@@ -16,10 +16,10 @@
 #include <string>
 #include <thread>
 
-#include "platform/linux/DeviceRoot.h"
-#include "platform/linux/MessageFrame.h"
-#include "platform/linux/MessageService.h"
-#include "platform/linux/MessageServiceSocket.h"
+#include "platform/linux/files/DeviceRoot.h"
+#include "platform/linux/messages/MessageFrame.h"
+#include "platform/linux/messages/MessageService.h"
+#include "platform/linux/messages/MessageServiceSocket.h"
 
 namespace platform {
 namespace {

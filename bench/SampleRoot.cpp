@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/PropertyList.h"
+#include "platform/plists/PropertyList.h"
 
 namespace bench {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Message.h"
+#include "platform/values/Message.h"
 
 namespace bench {
 

@@ -4,8 +4,8 @@
 #include <cstdlib>
 
 #include "fuzz/Steps.h"
-#include "platform/PlistEncoding.h"
-#include "platform/PropertyList.h"
+#include "platform/plists/PropertyList.h"
+#include "platform/values/PlistEncoding.h"
 
 using namespace platform;
 using namespace platform::testing;

@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "fuzz/Requests.h"
-#include "tests/vkd/FakeDaemon.h"
-#include "vkd/VKDServer.h"
+#include "tests/Support/FakeDaemon.h"
+#include "vkd/server/VKDServer.h"
 
 using namespace vkd;
 using namespace vkd::testing;

@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "tools/JsonMessage.h"
+#include "tools/text/JsonMessage.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "fuzz/Steps.h"
-#include "platform/Message.h"
+#include "platform/values/Message.h"
 
 using namespace platform;
 using namespace platform::testing;

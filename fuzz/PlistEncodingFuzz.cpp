@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "fuzz/Steps.h"
-#include "platform/PlistEncoding.h"
+#include "platform/values/PlistEncoding.h"
 
 using namespace platform;
 using namespace platform::testing;

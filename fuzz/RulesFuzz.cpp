@@ -8,9 +8,9 @@
 #include <cstring>
 
 #include "Vornik/VKVersionComparison.h"
-#include "platform/PlistEncoding.h"
-#include "tests/vkd/Fakes.h"
-#include "vkd/VKDPlugIn.h"
+#include "platform/values/PlistEncoding.h"
+#include "tests/Support/Fakes.h"
+#include "vkd/plugins/VKDPlugIn.h"
 
 using namespace vkd;
 using namespace vkd::testing;

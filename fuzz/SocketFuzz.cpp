@@ -13,12 +13,12 @@
 #include <thread>
 
 #include "fuzz/Requests.h"
-#include "platform/linux/EventLoop.h"
-#include "platform/linux/MessageService.h"
-#include "platform/linux/WorkQueue.h"
+#include "platform/linux/messages/MessageService.h"
+#include "platform/linux/queues/EventLoop.h"
+#include "platform/linux/queues/WorkQueue.h"
+#include "tests/Support/FakeDaemon.h"
 #include "tests/Support/WireClient.h"
-#include "tests/vkd/FakeDaemon.h"
-#include "vkd/VKDServer.h"
+#include "vkd/server/VKDServer.h"
 
 using namespace vkd;
 using namespace vkd::testing;

@@ -7,9 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/DomainError.h"
 #include "platform/MessageConnection.h"
-#include "platform/PlistValue.h"
+#include "platform/values/DomainError.h"
+#include "platform/values/PlistValue.h"
 
 namespace platform {
 

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/DomainError.h"
-#include "platform/FileURL.h"
+#include "platform/values/DomainError.h"
+#include "platform/values/FileURL.h"
 
 namespace platform {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Format.h"
+#include "platform/values/Format.h"
 
 namespace platform {
 

@@ -14,8 +14,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Message.h"
 #include "platform/WorkQueue.h"
+#include "platform/values/Message.h"
 
 namespace platform {
 

@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/FileURL.h"
-#include "platform/PlistValue.h"
-#include "platform/UUID.h"
+#include "platform/values/FileURL.h"
+#include "platform/values/PlistValue.h"
+#include "platform/values/UUID.h"
 
 namespace platform {
 

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "platform/PlistValue.h"
+#include "platform/values/PlistValue.h"
 
 namespace platform {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Message.h"
+#include "platform/values/Message.h"
 
 namespace platform {
 

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Message.h"
 #include "platform/WorkQueue.h"
+#include "platform/values/Message.h"
 
 namespace platform {
 

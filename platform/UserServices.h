@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/FileURL.h"
-#include "platform/Message.h"
-#include "platform/PlistValue.h"
+#include "platform/values/FileURL.h"
+#include "platform/values/Message.h"
+#include "platform/values/PlistValue.h"
 
 namespace platform {
 

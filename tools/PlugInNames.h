@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/PlistValue.h"
-#include "platform/UUID.h"
+#include "platform/values/PlistValue.h"
+#include "platform/values/UUID.h"
 #include "tools/Session.h"
 
 namespace vkctl {

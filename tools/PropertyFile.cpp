@@ -5,9 +5,9 @@
 #include <iterator>
 #include <optional>
 
-#include "platform/PropertyList.h"
+#include "platform/plists/PropertyList.h"
 #include "tools/ExitStatus.h"
-#include "tools/JsonMessage.h"
+#include "tools/text/JsonMessage.h"
 
 namespace vkctl {
 namespace {

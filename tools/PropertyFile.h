@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/PlistValue.h"
+#include "platform/values/PlistValue.h"
 
 namespace vkctl {
 

@@ -9,7 +9,7 @@
 #include "Vornik/VKProtocol.h"
 #include "platform/Interrupts.h"
 #include "platform/Terminal.h"
-#include "tools/JsonMessage.h"
+#include "tools/text/JsonMessage.h"
 
 namespace vkctl {
 namespace {

@@ -10,10 +10,10 @@
 #include <string_view>
 
 #include "Vornik/VKDaemonClient.h"
-#include "platform/Message.h"
 #include "platform/Services.h"
+#include "platform/values/Message.h"
 #include "tools/ExitStatus.h"
-#include "tools/Text.h"
+#include "tools/text/Text.h"
 
 namespace vkctl {
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "Vornik/VKProtocol.h"
-#include "tools/Text.h"
+#include "tools/text/Text.h"
 
 namespace vkctl {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "platform/Interrupts.h"
 #include "platform/Log.h"
-#include "tools/Verbs.h"
+#include "tools/verbs/AllVerbs.h"
 
 int main(int argc, char** argv) {
   platform::endQuietlyOnInterrupt();

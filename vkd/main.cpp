@@ -11,10 +11,10 @@
 
 #include "Vornik/VKLog.h"
 #include "Vornik/VKProtocol.h"
-#include "platform/Heap.h"
+#include "platform/Process.h"
 #include "platform/Services.h"
-#include "vkd/CommandLine.h"
-#include "vkd/VKDServer.h"
+#include "vkd/server/CommandLine.h"
+#include "vkd/server/VKDServer.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/PropertyList.h"
-#include "platform/linux/RegistryCatalon.h"
+#include "platform/linux/registry/RegistryCatalon.h"
+#include "platform/plists/PropertyList.h"
 #include "tests/Support/Eventually.h"
 #include "tests/Support/ScratchRoot.h"
 

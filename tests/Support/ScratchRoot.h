@@ -13,7 +13,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/linux/DeviceRoot.h"
+#include "platform/linux/files/DeviceRoot.h"
 
 namespace support {
 

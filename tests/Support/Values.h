@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Message.h"
-#include "platform/PlistValue.h"
+#include "platform/values/Message.h"
+#include "platform/values/PlistValue.h"
 
 namespace platform {
 

@@ -15,9 +15,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/Message.h"
-#include "platform/linux/MessageFrame.h"
-#include "platform/linux/UniqueFd.h"
+#include "platform/linux/files/UniqueFd.h"
+#include "platform/linux/messages/MessageFrame.h"
+#include "platform/values/Message.h"
 #include "tests/Support/Values.h"
 
 namespace platform {

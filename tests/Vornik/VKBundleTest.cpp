@@ -5,7 +5,7 @@
 #include "Vornik/VKBundle.h"
 #include "Vornik/VKDPlugInSignature.h"
 #include "Vornik/VKSandboxExtension.h"
-#include "tests/vkd/Fakes.h"
+#include "tests/Support/Fakes.h"
 
 namespace Vornik {
 namespace {

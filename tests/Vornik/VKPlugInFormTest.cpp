@@ -5,7 +5,7 @@
 
 #include "Vornik/VKError.h"
 #include "Vornik/VKPlugInCore.h"
-#include "platform/PlistEncoding.h"
+#include "platform/values/PlistEncoding.h"
 #include "tests/Support/CapturedLog.h"
 #include "tests/Support/Values.h"
 

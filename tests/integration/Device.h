@@ -13,10 +13,10 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/PlistValue.h"
-#include "platform/PropertyList.h"
+#include "platform/plists/PropertyList.h"
+#include "platform/values/PlistValue.h"
 #include "tests/integration/Program.h"
-#include "tools/JsonMessage.h"
+#include "tools/text/JsonMessage.h"
 
 namespace integration {
 

@@ -1,13 +1,12 @@
 #!/bin/sh
-# Installs the library into a scratch prefix, builds the example against it in both ways that other projects do, and runs
-# it with the daemon and without.
+# Installs the library into a scratch prefix and builds the example against it in both ways that other projects do, in an
+# empty folder with nothing of the source tree in reach; runs it with the daemon and without.
 #
 #   InstalledLibraryTest.sh build-directory compiler
 set -eu
 build=$1
 compiler=$2
 tests=$(cd "$(dirname "$0")" && pwd)
-example=$tests/../../examples/discover.cpp
 scratch=$(mktemp -d)
 daemon=
 trap '[ -z "$daemon" ] || kill "$daemon"; rm -rf "$scratch"' EXIT
@@ -42,6 +41,10 @@ start_daemon() {
 cmake --install "$build" --prefix "$scratch/prefix" --component library >"$scratch/log" || fail "$(cat "$scratch/log")"
 libraries=$(dirname "$(find "$scratch/prefix" -name libVornik.so.3)")
 
+mkdir "$scratch/project"
+cp "$tests/../../examples/discover.cpp" "$tests/InstalledLibrary/CMakeLists.txt" "$scratch/project"
+cp -R "$tests/../../share/device" "$scratch/device"
+cd "$scratch/project"
 for header in "$scratch"/prefix/include/Vornik/*.h; do
   echo "#include \"Vornik/$(basename "$header")\""
 done >"$scratch/headers.cpp"
@@ -50,13 +53,14 @@ export PKG_CONFIG_PATH
 flags=$(pkg-config --cflags vornik)
 # shellcheck disable=SC2086  # flags are words
 "$compiler" -std=c++20 -Wall -Wextra -Wpedantic -Werror $flags -fsyntax-only "$scratch/headers.cpp"
+# shellcheck disable=SC2086
+"$compiler" -std=c++17 $flags -fsyntax-only "$scratch/headers.cpp" 2>"$scratch/err" && fail "C++17 is taken"
+grep -m 1 'error' "$scratch/err" | grep -q 'Vornik needs C++20' || fail "C++17 is refused otherwise: $(head "$scratch/err")"
 # shellcheck disable=SC2046,SC2086
-"$compiler" -std=c++20 $flags "$example" -o "$scratch/discover" $(pkg-config --libs vornik)
-cp -R "$tests/../../share/device" "$scratch/device"
+"$compiler" -std=c++20 $flags discover.cpp -o "$scratch/discover" $(pkg-config --libs vornik)
 expect_refusal "$scratch/discover"
 
-cmake -S "$tests/InstalledLibrary" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$scratch/prefix" \
-  -DCMAKE_CXX_COMPILER="$compiler" -DEXAMPLE="$example" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
+cmake -S . -B "$scratch/build" -DCMAKE_PREFIX_PATH="$scratch/prefix" -DCMAKE_CXX_COMPILER="$compiler" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 cmake --build "$scratch/build" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 expect_refusal "$scratch/build/discover"
 
