@@ -16,14 +16,7 @@
 namespace platform {
 namespace {
 
-// Slices written with one call; a large reply has one or a few per form.
-constexpr std::size_t kSlicesPerWrite = 256;
-// What a kept frame costs beside its bytes, so that many small ones count as what they take.
-constexpr std::uint64_t kKeptFrameCost = 256;
-
 constexpr std::uint32_t kHungUp = EPOLLHUP | EPOLLERR;
-
-std::uint64_t costOf(std::uint64_t bytes) { return bytes + kKeptFrameCost; }
 
 }  // namespace
 
@@ -33,7 +26,8 @@ MessageSocket::MessageSocket(std::shared_ptr<EventLoop> loop, UniqueFd fd, std::
       peerPid_(peerPid),
       peer_(std::move(peer)),
       fd_(std::move(fd)),
-      ticket_(std::move(ticket)) {}
+      ticket_(std::move(ticket)),
+      outbox_(ticket_.get()) {}
 
 bool MessageSocket::start(std::weak_ptr<MessageSocketUser> user) {
   user_ = std::move(user);
@@ -49,73 +43,24 @@ void MessageSocket::send(FrameType type, std::uint64_t id, Rope payload) {
   const char* wrong = nullptr;
   {
     std::lock_guard lock(mutex_);
-    if (broken_ || !fd_ || (type == FrameType::Reply && !forgetRequest(id))) return;
+    if (!isOpen() || (type == FrameType::Reply && !forgetRequest(id))) return;
     if (payload.size() > kMaxMessageBytes) {
       wrong = "a message for it is too large";
     } else {
-      Outgoing frame;
-      frame.header = FrameHeader{static_cast<std::uint32_t>(payload.size()), type, id}.encoded();
-      frame.left = kFrameHeaderBytes + payload.size();
-      frame.payload = std::move(payload);
-      Write written = kept_.empty() ? write(frame) : Write::Full;
-      if (written == Write::Broken) breakOff();
-      if (written == Write::Full && !keep(std::move(frame))) wrong = "it does not read what it is sent";
+      switch (outbox_.send(fd_.get(), type, id, std::move(payload))) {
+        case MessageOutbox::Result::Empty:
+        case MessageOutbox::Result::Kept:
+          break;
+        case MessageOutbox::Result::TooMuch:
+          wrong = "it does not read what it is sent";
+          break;
+        case MessageOutbox::Result::Broken:
+          breakOff();
+      }
       review();
     }
   }
   if (wrong != nullptr) cutOff(wrong);
-}
-
-MessageSocket::Write MessageSocket::write(Outgoing& frame) {
-  const std::vector<SharedSlice>& pieces = frame.payload.pieces();
-  while (frame.left != 0) {
-    std::array<iovec, kSlicesPerWrite> slices;
-    std::size_t count = 0;
-    std::size_t offset = frame.offset;
-    for (std::size_t at = frame.piece; at <= pieces.size() && count < slices.size(); ++at, offset = 0) {
-      std::string_view bytes =
-          at == 0 ? std::string_view(frame.header.data(), frame.header.size()) : pieces[at - 1].view();
-      slices[count++] = {const_cast<char*>(bytes.data()) + offset, bytes.size() - offset};
-    }
-    msghdr message{};
-    message.msg_iov = slices.data();
-    message.msg_iovlen = count;
-    ssize_t sent = ::sendmsg(fd_.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
-    if (sent < 0) return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? Write::Full : Write::Broken;
-    frame.left -= static_cast<std::uint64_t>(sent);
-    for (std::size_t left = static_cast<std::size_t>(sent), i = 0; left != 0; ++i) {
-      std::size_t step = std::min(left, slices[i].iov_len);
-      left -= step;
-      bool whole = step == slices[i].iov_len;
-      frame.offset = whole ? 0 : frame.offset + step;
-      if (whole) ++frame.piece;
-    }
-  }
-  return Write::Done;
-}
-
-bool MessageSocket::keep(Outgoing frame) {
-  std::uint64_t cost = costOf(frame.left);
-  if (keptBytes_ + cost > kMaxKeptBytesPerConnection + 2 * costOf(kFrameHeaderBytes)) return false;
-  if (ticket_ != nullptr && !ticket_->keep(cost)) return false;
-  keptBytes_ += cost;
-  kept_.push_back(std::move(frame));
-  return true;
-}
-
-void MessageSocket::writeKept() {
-  while (!kept_.empty() && !broken_) {
-    Outgoing& frame = kept_.front();
-    std::uint64_t before = frame.left;
-    Write written = write(frame);
-    std::uint64_t freed = before - frame.left + (written == Write::Done ? kKeptFrameCost : 0);
-    keptBytes_ -= freed;
-    if (ticket_ != nullptr) ticket_->release(freed);
-    if (written == Write::Broken) breakOff();
-    if (written != Write::Done) return;
-    kept_.pop_front();
-  }
 }
 
 bool MessageSocket::forgetRequest(std::uint64_t id) {
@@ -139,7 +84,7 @@ void MessageSocket::close() {
 void MessageSocket::cutOff(std::string_view reason) {
   {
     std::lock_guard lock(mutex_);
-    if (broken_ || !fd_) return;
+    if (!isOpen()) return;
     breakOff();
   }
   VK_LOG(defaultLog(), Error, "process %d is cut off: %{public}s", peerPid_, reason);
@@ -147,36 +92,35 @@ void MessageSocket::cutOff(std::string_view reason) {
 
 // The hang-up that follows makes the loop deliver the end.
 void MessageSocket::breakOff() {
-  if (broken_ || !fd_) return;
-  broken_ = true;
+  if (!isOpen()) return;
+  state_ = State::Broken;
   ::shutdown(fd_.get(), SHUT_RDWR);
-  kept_.clear();
+  outbox_.clear();
 }
 
 // --- What the loop waits for ---
 
 // Stops or goes on reading, by what waits for the peer.
 void MessageSocket::review() {
-  if (broken_) return;
+  if (!isOpen()) return;
+  // Goes on only when half of them are answered, so that it does not stop again at once.
   std::size_t bound = paused_ ? kMaxWaitingRequests / 2 : kMaxWaitingRequests - 1;
-  bool pause = waitingRequests_.size() > bound || keptBytes_ > kMaxUnreadBytes;
-  if (paused_ && !pause && hasRest_) again_ = true;
-  paused_ = pause;
+  paused_ = waitingRequests_.size() > bound || outbox_.keptBytes() > kMaxUnreadBytes;
   updateEvents();
 }
 
-// A socket that can be written is reported at once, so that also stands for "again".
+// A socket that can be written is reported at once, so that also stands for "look at what was read".
 std::uint32_t MessageSocket::wantedEvents() const {
   std::uint32_t events = 0;
-  if (wantsInput_ && !paused_) events |= EPOLLIN;
-  if (!kept_.empty() || again_) events |= EPOLLOUT;
+  if (state_ == State::Reading && !paused_) events |= EPOLLIN;
+  if (!outbox_.empty() || (unlooked_ && !paused_)) events |= EPOLLOUT;
   return events;
 }
 
 void MessageSocket::updateEvents() {
   std::uint32_t wanted = wantedEvents();
   // During a delivery the reader may not be asked for more, and release() will look again.
-  if (wanted == events_ || watch_ == 0 || missed_ || delivering_) return;
+  if (wanted == events_ || watch_ == 0 || delivery_ != Delivery::None) return;
   events_ = wanted;
   loop_->change(watch_, fd_.get(), events_);
 }
@@ -184,13 +128,13 @@ void MessageSocket::updateEvents() {
 // --- Delivery ---
 
 void MessageSocket::ready(std::uint32_t events) {
-  bool gone = false;
-  if (!claim(events, &gone)) return;
+  const Claim claimed = claim(events);
+  if (claimed == Claim::None) return;
   std::shared_ptr<MessageSocketUser> user = user_.lock();
   Outcome outcome = Outcome::Gone;
-  if (user != nullptr && !gone) {
+  if (user != nullptr && claimed != Claim::End) {
     try {
-      outcome = readFrames(*user, (events & kHungUp) != 0);
+      outcome = readFrames(*user, claimed == Claim::Input, (events & kHungUp) != 0);
     } catch (const std::bad_alloc&) {
       cutOff("no memory for its message");
     } catch (...) {
@@ -200,42 +144,35 @@ void MessageSocket::ready(std::uint32_t events) {
   release(outcome);
 }
 
-// Makes this call the one that delivers. False when another thread is at it still, in its long way from a lost lead;
+// Makes this call the one that delivers. None when another thread is at it still, in its long way from a lost lead;
 // that one then sees to what came.
-bool MessageSocket::claim(std::uint32_t events, bool* gone) {
+MessageSocket::Claim MessageSocket::claim(std::uint32_t events) {
   std::lock_guard lock(mutex_);
-  if (!fd_) return false;
-  if (delivering_) {
-    if (!missed_) loop_->suspend(fd_.get());
-    missed_ = true;
-    return false;
+  if (state_ == State::Closed) return Claim::None;
+  if (delivery_ != Delivery::None) {
+    if (delivery_ == Delivery::Running) loop_->suspend(fd_.get());
+    delivery_ = Delivery::Missed;
+    return Claim::None;
   }
-  delivering_ = true;
-  again_ = false;
-  if ((events & EPOLLOUT) != 0) writeKept();
+  delivery_ = Delivery::Running;
+  if ((events & EPOLLOUT) != 0 && isOpen() && outbox_.flush(fd_.get()) == MessageOutbox::Result::Broken) breakOff();
   review();
+  if (state_ == State::Broken) return Claim::End;
   // Of a peer that is gone, only what it sent while it was read is of interest.
-  *gone = broken_ || ((events & kHungUp) != 0 && (paused_ || !wantsInput_));
-  return true;
+  if ((events & kHungUp) != 0 && (paused_ || state_ == State::Ending)) return Claim::End;
+  return state_ == State::Reading ? Claim::Input : Claim::NoInput;
 }
 
 void MessageSocket::release(Outcome outcome) {
-  bool rest = reader_.keepRest();
+  const bool rest = reader_.keepRest();
   {
     std::lock_guard lock(mutex_);
-    if (outcome != Outcome::Gone && !loopEnded_) {
-      delivering_ = false;
-      hasRest_ = rest;
-      wantsInput_ = !inputEnded_;
-      again_ = outcome == Outcome::More && !paused_;
-      if (missed_) {
-        missed_ = false;
-        events_ = wantedEvents();
-        loop_->resume(watch_, fd_.get(), events_);
-      } else {
-        updateEvents();
-      }
-      return;
+    if (outcome != Outcome::Gone && isOpen()) {
+      const bool missed = std::exchange(delivery_, Delivery::None) == Delivery::Missed;
+      unlooked_ = rest && outcome == Outcome::More;
+      if (!missed) return updateEvents();
+      events_ = wantedEvents();
+      return loop_->resume(watch_, fd_.get(), events_);
     }
   }
   finish();
@@ -244,9 +181,10 @@ void MessageSocket::release(Outcome outcome) {
 void MessageSocket::finish() {
   {
     std::lock_guard lock(mutex_);
+    state_ = State::Closed;
     loop_->unwatch(watch_, fd_.get());
     fd_.reset();
-    kept_.clear();
+    outbox_.clear();
     ticket_.reset();
   }
   if (auto user = user_.lock()) user->socketClosed();
@@ -255,17 +193,16 @@ void MessageSocket::finish() {
 void MessageSocket::loopEnded() {
   {
     std::lock_guard lock(mutex_);
-    loopEnded_ = true;
-    if (delivering_ || !fd_) return;
-    delivering_ = true;
+    breakOff();
+    if (delivery_ != Delivery::None || state_ == State::Closed) return;
+    delivery_ = Delivery::Running;
   }
   finish();
 }
 
-MessageSocket::Outcome MessageSocket::readFrames(MessageSocketUser& user, bool hungUp) {
+MessageSocket::Outcome MessageSocket::readFrames(MessageSocketUser& user, bool mayRead, bool hungUp) {
   FrameHeader header;
   SharedSlice payload;
-  bool mayRead = !inputEnded_;
   std::size_t bytes = 0;
   for (int frames = 0;;) {
     switch (reader_.next(&header, &payload)) {
@@ -313,11 +250,14 @@ bool MessageSocket::deliverFrame(MessageSocketUser& user, const FrameHeader& hea
 bool MessageSocket::mustStopReading() {
   if (!loop_->leading()) return true;
   std::lock_guard lock(mutex_);
-  return paused_ || broken_;
+  return paused_ || !isOpen();
 }
 
 MessageSocket::Outcome MessageSocket::inputEnded(MessageSocketUser& user, bool hungUp) {
-  inputEnded_ = true;
+  {
+    std::lock_guard lock(mutex_);
+    if (isOpen()) state_ = State::Ending;
+  }
   pollfd peer{fd_.get(), 0, 0};
   if (hungUp || ::poll(&peer, 1, 0) != 0) return Outcome::Gone;
   user.peerEnding();

@@ -1,18 +1,17 @@
 // One connected socket with frames on it: what both ends of a connection are built on.
 //
 // Reads on the leader of the loop and delivers frame by frame, one at a time. Writes at once on the sender's thread;
-// what the socket does not take is kept, as slices of the message, and written when it does.
+// what the socket does not take waits in the outbox.
 //
-//   start --> reading --peer ends its half--> ending --> closed
-//                `------ peer gone, cut off, close(), loop ended --^
+//   Reading --peer ends its half--> Ending --> Closed
+//       `---------------------------.  |         ^
+//         cut off, close(), loop ended `-> Broken -'
 //
 // A peer is read no further while too much waits for it: requests without an answer, or answers it has not read. It is
 // cut off, alone and with one log line, when it breaks the protocol or when what is kept for it exceeds a bound.
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -22,6 +21,7 @@
 #include "platform/linux/files/UniqueFd.h"
 #include "platform/linux/messages/MessageBudget.h"
 #include "platform/linux/messages/MessageFrame.h"
+#include "platform/linux/messages/MessageOutbox.h"
 #include "platform/linux/messages/PeerIdentity.h"
 #include "platform/linux/queues/EventLoop.h"
 #include "platform/values/Message.h"
@@ -33,8 +33,6 @@ namespace platform {
 inline constexpr std::size_t kMaxWaitingRequests = 64;
 // Bytes of replies kept for a peer while it still is read.
 inline constexpr std::uint64_t kMaxUnreadBytes = std::uint64_t{1} << 20;
-// Bytes of replies kept for a peer before it is cut off: two messages of the largest size.
-inline constexpr std::uint64_t kMaxKeptBytesPerConnection = 2 * kMaxMessageBytes;
 // What one connection may have in a round, before the others have their turn.
 inline constexpr int kFramesPerRound = 32;
 inline constexpr std::size_t kBytesPerRound = std::size_t{1} << 20;
@@ -74,32 +72,34 @@ class MessageSocket final : public EventSource, public std::enable_shared_from_t
   void loopEnded() override;
 
  private:
-  // A frame of which something is still to be written.
-  struct Outgoing {
-    std::array<char, kFrameHeaderBytes> header;
-    Rope payload;
-    std::size_t piece = 0;   // the next slice to write; 0 is the header, 1 the first of the payload
-    std::size_t offset = 0;  // in that slice
-    std::uint64_t left = 0;
+  enum class State : std::uint8_t {
+    Reading,  // what the peer sends is wanted
+    Ending,   // the peer has ended its half; it may still read
+    Broken,   // nothing more is sent or read; closing follows
+    Closed,
   };
-  enum class Write { Done, Full, Broken };
+  enum class Delivery : std::uint8_t {
+    None,
+    Running,  // somebody is inside ready()
+    Missed,   // and an event came meanwhile: the loop does not watch until release()
+  };
   enum class Read { Some, Nothing, End, Broken };
   // How a delivery ends: all was read, there is more for another round, or the socket is done with.
   enum class Outcome { Read, More, Gone };
 
-  bool claim(std::uint32_t events, bool* gone);
+  // What the delivery that begins may do: nothing, see to the end, write only, or read as well.
+  enum class Claim { None, End, NoInput, Input };
+  Claim claim(std::uint32_t events);
   void release(Outcome outcome);
   void finish();
-  Outcome readFrames(MessageSocketUser& user, bool hungUp);
+  Outcome readFrames(MessageSocketUser& user, bool mayRead, bool hungUp);
   bool deliverFrame(MessageSocketUser& user, const FrameHeader& header, const SharedSlice& payload);
   Outcome inputEnded(MessageSocketUser& user, bool hungUp);
   Read receive(std::span<char> space, std::size_t* count);
   bool mustStopReading();
 
   // Caller holds mutex_.
-  Write write(Outgoing& frame);
-  bool keep(Outgoing frame);
-  void writeKept();
+  bool isOpen() const { return state_ < State::Broken; }
   bool forgetRequest(std::uint64_t id);
   void breakOff();
   void review();
@@ -111,27 +111,20 @@ class MessageSocket final : public EventSource, public std::enable_shared_from_t
   const std::shared_ptr<PeerIdentity> peer_;
   std::weak_ptr<MessageSocketUser> user_;
 
-  // Used by the delivery only.
-  FrameReader reader_;
-  bool inputEnded_ = false;
+  FrameReader reader_;  // used by the delivery only
 
   std::mutex mutex_;
   // Guarded by mutex_.
   UniqueFd fd_;
   std::unique_ptr<MessageBudget::Ticket> ticket_;
+  MessageOutbox outbox_;
+  State state_ = State::Reading;
+  Delivery delivery_ = Delivery::None;
+  bool paused_ = false;    // too much waits for the peer: it is read no further
+  bool unlooked_ = false;  // the reader has bytes that the last delivery had no turn for
+  std::vector<std::uint64_t> waitingRequests_;
   EventLoop::Watch watch_ = 0;
   std::uint32_t events_ = 0;  // what the loop waits for
-  bool broken_ = false;       // nothing more is sent or read; closing follows
-  bool loopEnded_ = false;
-  bool delivering_ = false;  // somebody is inside ready()
-  bool missed_ = false;      // an event came meanwhile; the loop does not watch until release()
-  bool wantsInput_ = true;   // the peer has not ended its half
-  bool paused_ = false;      // too much waits for the peer
-  bool hasRest_ = false;     // the reader has bytes of which frames may be made
-  bool again_ = false;       // ready() is wanted though nothing came
-  std::vector<std::uint64_t> waitingRequests_;
-  std::deque<Outgoing> kept_;
-  std::uint64_t keptBytes_ = 0;
 };
 
 }  // namespace platform
