@@ -90,14 +90,14 @@ class VKDaemonClient {
   // The reverse, for this client's protocol version; nothing for anything that is no encoded property list.
   PlistValue convertFromZYP(const Message& value) const;
 
-  const std::shared_ptr<MessageConnection>& vkd() const { return vkd_; }
+  const std::shared_ptr<ServiceConnection>& vkd() const { return vkd_; }
   const std::shared_ptr<WorkQueue>& replyQueue() const { return replyQueue_; }
   // Put into every request.
   std::int64_t protocolVersion() const { return protocolVersion_.load(std::memory_order_relaxed); }
   void setProtocolVersion(std::int64_t version) { protocolVersion_.store(version, std::memory_order_relaxed); }
 
  private:
-  VKDaemonClient(std::shared_ptr<MessageService> messages, std::shared_ptr<MessageConnection> vkd,
+  VKDaemonClient(std::shared_ptr<MessageService> messages, std::shared_ptr<ServiceConnection> vkd,
                  std::shared_ptr<WorkQueue> replyQueue, std::shared_ptr<ReplyBlock> event)
       : messages_(std::move(messages)),
         vkd_(std::move(vkd)),
@@ -105,7 +105,7 @@ class VKDaemonClient {
         event_(std::move(event)) {}
 
   const std::shared_ptr<MessageService> messages_;  // delivers to the connection only as long as somebody holds it
-  const std::shared_ptr<MessageConnection> vkd_;
+  const std::shared_ptr<ServiceConnection> vkd_;
   const std::shared_ptr<WorkQueue> replyQueue_;
   const std::shared_ptr<ReplyBlock> event_;  // shared with the connection's handler; on replyQueue only
   std::atomic<std::int64_t> protocolVersion_{kVKProtocolVersion};

@@ -73,11 +73,11 @@ struct EchoService {
     std::string pattern = std::filesystem::temp_directory_path() / "round-trip-XXXXXX";
     folder = ::mkdtemp(pattern.data());
     root = std::make_shared<const DeviceRoot>(folder);
-    messages = makeMessageService(loop, root);
-    std::string reason;
-    listener = messages->listen("echo", queues->serial("zyp", WorkQueue::Order::Outer), &reason);
-    if (listener == nullptr) throw std::runtime_error(reason);
-    listener->setConnectionHandler([this](const std::shared_ptr<MessageConnection>& peer) {
+    messages = makeMessageService(RunningLoop(), root);
+    DomainError error;
+    listener = messages->listen("echo", queues->serial("zyp", WorkQueue::Order::Outer), &error);
+    if (listener == nullptr) throw std::runtime_error(error.localizedDescription());
+    listener->setConnectionHandler([this](const std::shared_ptr<PeerConnection>& peer) {
       peer->setEventHandler([this, weak = std::weak_ptr(peer)](Message event) {
         if (event.isError()) return;
         service->async([weak, event = std::move(event)] {
@@ -88,7 +88,7 @@ struct EchoService {
       });
       peer->resume();
     });
-    listener->resume();
+    if (auto refused = listener->resume()) throw std::runtime_error(refused->localizedDescription());
   }
   ~EchoService() {
     listener.reset();
@@ -99,7 +99,6 @@ struct EchoService {
   std::shared_ptr<const DeviceRoot> root;
   std::shared_ptr<WorkQueueFactory> queues = makeWorkQueues();
   std::shared_ptr<WorkQueue> service = queues->serial("service", WorkQueue::Order::Outer);
-  std::shared_ptr<EventLoop> loop = EventLoop::create();
   std::shared_ptr<LinuxMessageService> messages;
   std::shared_ptr<MessageListener> listener;
 };
@@ -115,9 +114,9 @@ BENCHMARK(BlockingClient)->MeasureProcessCPUTime()->UseRealTime();
 // The client library's way: each request is sent from the reply handler of the one before.
 void LibraryClient(benchmark::State& state) {
   EchoService service;
-  auto loop = EventLoop::create();
+  auto messages = makeMessageService(RunningLoop(), service.root);
   auto queue = service.queues->serial("client", WorkQueue::Order::Outer);
-  auto connection = makeMessageService(loop, service.root)->connect("echo", queue);
+  auto connection = messages->connect("echo", queue);
   connection->setEventHandler([](Message) {});
   connection->resume();
   Message request = sampleRequest();

@@ -45,7 +45,7 @@ struct SocketDaemon {
     device.codeSigning->processes[::getpid()].path = "/Applications/Host.app/run";
     Services services = device.services();
     services.queues = makeWorkQueues();
-    services.messages = makeMessageService(EventLoop::create(), std::make_shared<const DeviceRoot>(root));
+    services.messages = makeMessageService(RunningLoop(), std::make_shared<const DeviceRoot>(root));
     server = VKDServer::initForServiceDatabase(services, kVKServiceName, "/store");
     if (server == nullptr || !server->start()) std::abort();
   }

@@ -27,7 +27,7 @@ Services machineServices() {
   auto instances = std::make_shared<RunningInstances>(root);
   Services services;
   services.queues = makeWorkQueues();
-  services.messages = makeMessageService(EventLoop::create(), root);
+  services.messages = makeMessageService(RunningLoop(), root);
   services.files = std::make_shared<LinuxFileSystem>(root);
   services.codeSigning = std::make_shared<LinuxCodeSigning>(root);
   services.serviceBundles = std::make_shared<LinuxServiceBundles>(root);

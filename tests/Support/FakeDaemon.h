@@ -52,7 +52,7 @@ struct FakeDaemon;
 
 struct FakeClient {
   FakeDaemon& daemon;
-  std::shared_ptr<FakeConnection> connection;
+  std::shared_ptr<FakePeer> connection;
 
   // Only hands the message in; the service queue has not run.
   void deliver(Message event) { connection->deliver(std::move(event)); }
@@ -70,7 +70,7 @@ struct FakeDaemon {
   FakeServices device;
   Exchange exchange;
   std::shared_ptr<VKDServer> server;
-  std::vector<std::shared_ptr<FakeConnection>> connections;
+  std::vector<std::shared_ptr<FakePeer>> connections;
 
   // `others` may put other services in the place of fakes.
   explicit FakeDaemon(Exchange others = [](Services&) {}) : exchange(std::move(others)) {
@@ -95,9 +95,9 @@ struct FakeDaemon {
     auto& process = device.codeSigning->processes[pid];
     process.rights = rights;
     if (!process.path) process.path = kHostApp.path + "/run";
-    return connect(std::make_shared<FakeConnection>(pid));
+    return connect(std::make_shared<FakePeer>(pid));
   }
-  FakeClient connect(const std::shared_ptr<FakeConnection>& connection) {
+  FakeClient connect(const std::shared_ptr<FakePeer>& connection) {
     connections.push_back(connection);
     device.messages->listener->handler(connection);
     return FakeClient{*this, connection};
@@ -105,7 +105,7 @@ struct FakeDaemon {
   FakeClient connectManager(std::int32_t pid = kPid + 1) {
     return connect(pid, dictionary({{std::string(kVKEntitlementManager), true}}));
   }
-  static void disconnect(FakeConnection& connection) {
+  static void disconnect(FakePeer& connection) {
     connection.handler = nullptr;
     connection.context = nullptr;
   }

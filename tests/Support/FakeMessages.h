@@ -23,30 +23,54 @@ class FakeAuditToken : public platform::AuditToken {
   std::int32_t pid_;
 };
 
-class FakeConnection : public platform::MessageConnection {
+// What both ends have.
+template <class End>
+class FakeConnection : public End {
  public:
   using Message = platform::Message;
 
-  explicit FakeConnection(std::int32_t pid = 0) : pid_(pid) {}
+  explicit FakeConnection(std::int32_t pid) : pid_(pid) {}
 
   std::int32_t peerPid() const override { return pid_; }
-  std::shared_ptr<platform::AuditToken> peerAuditToken() const override {
-    return std::make_shared<FakeAuditToken>(pid_);
-  }
-  void setContext(std::shared_ptr<void> value) override { context = std::move(value); }
-  void setEventHandler(EventHandler value) override { handler = std::move(value); }
+  void setEventHandler(typename End::EventHandler value) override { handler = std::move(value); }
   void resume() override { resumed = true; }
   void send(const Message& message) override { sent.push_back(message); }
-  void sendWithReply(const Message& message, std::shared_ptr<platform::WorkQueue> queue,
-                     ReplyHandler replyHandler) override {
-    sent.push_back(message);
-    waiting.push_back({std::move(queue), std::move(replyHandler)});
-  }
   void cancel() override { cancelled = true; }
   std::string description() const override { return "<FakeConnection pid " + std::to_string(pid_) + ">"; }
 
   // Hands an event to the handler, now.
   void deliver(Message event) { handler(std::move(event)); }
+
+  std::vector<Message> sent;
+  typename End::EventHandler handler;
+  bool resumed = false;
+  bool cancelled = false;
+
+ private:
+  std::int32_t pid_;
+};
+
+class FakePeer : public FakeConnection<platform::PeerConnection> {
+ public:
+  using FakeConnection::FakeConnection;
+
+  std::shared_ptr<platform::AuditToken> peerAuditToken() const override {
+    return std::make_shared<FakeAuditToken>(peerPid());
+  }
+  void setContext(std::shared_ptr<void> value) override { context = std::move(value); }
+
+  std::shared_ptr<void> context;
+};
+
+class FakeService : public FakeConnection<platform::ServiceConnection> {
+ public:
+  FakeService() : FakeConnection(0) {}
+
+  void sendWithReply(const Message& message, std::shared_ptr<platform::WorkQueue> queue,
+                     ReplyHandler replyHandler) override {
+    sent.push_back(message);
+    waiting.push_back({std::move(queue), std::move(replyHandler)});
+  }
   // Puts the answer to the oldest waiting request on its queue.
   void answer(Message reply) {
     Waiting request = std::move(waiting.front());
@@ -58,22 +82,17 @@ class FakeConnection : public platform::MessageConnection {
     std::shared_ptr<platform::WorkQueue> queue;
     ReplyHandler handler;
   };
-  std::vector<Message> sent;
   std::vector<Waiting> waiting;
-  EventHandler handler;
-  std::shared_ptr<void> context;
-  bool resumed = false;
-  bool cancelled = false;
-
- private:
-  std::int32_t pid_;
 };
 
 class FakeListener : public platform::MessageListener {
  public:
   void setConnectionHandler(ConnectionHandler value) override { handler = std::move(value); }
-  bool resume() override { return resumed = succeeds; }
-  std::string reason() const override { return succeeds ? "" : "refused by the test"; }
+  std::optional<platform::DomainError> resume() override {
+    resumed = succeeds;
+    return succeeds ? std::nullopt : std::optional(refusedByTheTest());
+  }
+  static platform::DomainError refusedByTheTest() { return {platform::MessageErrorDomain, 0, "refused by the test"}; }
 
   ConnectionHandler handler;
   bool resumed = false;
@@ -85,13 +104,13 @@ class FakeMessages : public platform::MessageService {
   // Null when `listener` was set to null.
   std::shared_ptr<platform::MessageListener> listen(std::string_view name,
                                                     std::shared_ptr<platform::WorkQueue> deliveryQueue,
-                                                    std::string* reason) override {
+                                                    platform::DomainError* error) override {
     serviceName = name;
     queue = std::move(deliveryQueue);
-    if (listener == nullptr && reason != nullptr) *reason = "refused by the test";
+    if (listener == nullptr && error != nullptr) *error = FakeListener::refusedByTheTest();
     return listener;
   }
-  std::shared_ptr<platform::MessageConnection> connect(std::string_view name,
+  std::shared_ptr<platform::ServiceConnection> connect(std::string_view name,
                                                        std::shared_ptr<platform::WorkQueue> deliveryQueue) override {
     serviceName = name;
     queue = std::move(deliveryQueue);
@@ -101,7 +120,7 @@ class FakeMessages : public platform::MessageService {
   void endKeepAlive() override { --keepAlives; }
 
   std::shared_ptr<FakeListener> listener = std::make_shared<FakeListener>();
-  std::shared_ptr<FakeConnection> connection = std::make_shared<FakeConnection>();
+  std::shared_ptr<FakeService> connection = std::make_shared<FakeService>();
   std::string serviceName;
   std::shared_ptr<platform::WorkQueue> queue;
   int keepAlives = 0;

@@ -25,7 +25,7 @@ class VKDaemonClientTest : public testing::Test {
 
   std::shared_ptr<support::InlineQueues> queues = std::make_shared<support::InlineQueues>();
   std::shared_ptr<support::FakeMessages> messages = std::make_shared<support::FakeMessages>();
-  std::shared_ptr<support::FakeConnection> connection = messages->connection;
+  std::shared_ptr<support::FakeService> connection = messages->connection;
   support::CapturedLog log;
   std::shared_ptr<VKDaemonClient> client = connect();
 };

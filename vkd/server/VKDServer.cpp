@@ -51,15 +51,15 @@ bool VKDServer::setUp(std::string_view serviceName, const std::optional<std::str
   zypQueue_ = queues.serial("zyp", WorkQueue::Order::Outer);
   mainQueue_ = queues.serial("service", WorkQueue::Order::Outer, WorkQueue::QoS::UserInitiated);
   syncQueue_ = queues.serial("serverSync", WorkQueue::Order::Leaf);
-  std::string reason;
-  service_ = services().messages->listen(serviceName, zypQueue_, &reason);
+  DomainError error;
+  service_ = services().messages->listen(serviceName, zypQueue_, &error);
   if (service_ == nullptr) {
-    VK_LOG(vk_ops(), Error, "cannot listen on %{public}@: %{public}@", serviceName, reason);
+    VK_LOG(vk_ops(), Error, "cannot listen on %{public}@: %{public}@", serviceName, error);
     return false;
   }
   sharedServer.store(weak_from_this());
   setDelegate(weak_from_this());
-  service_->setConnectionHandler([self = weak_from_this()](const std::shared_ptr<MessageConnection>& peer) {
+  service_->setConnectionHandler([self = weak_from_this()](const std::shared_ptr<PeerConnection>& peer) {
     if (auto server = self.lock()) server->accept(peer);
   });
   userPrefs_ = VKDUserPrefs::init(services().preferences);
@@ -69,7 +69,7 @@ bool VKDServer::setUp(std::string_view serviceName, const std::optional<std::str
 std::shared_ptr<VKDServer> VKDServer::server() { return sharedServer.load().lock(); }
 
 // A client that cannot be set up is dropped with its connection.
-void VKDServer::accept(const std::shared_ptr<MessageConnection>& peer) {
+void VKDServer::accept(const std::shared_ptr<PeerConnection>& peer) {
   try {
     VKDZypClient::initWithConnectionServer(peer, shared_from_this());
   } catch (const std::exception& error) {
@@ -79,9 +79,9 @@ void VKDServer::accept(const std::shared_ptr<MessageConnection>& peer) {
 }
 
 bool VKDServer::start() {
-  if (service_->resume()) return true;
-  VK_LOG(vk_ops(), Error, "cannot accept connections: %{public}@", service_->reason());
-  return false;
+  const auto error = service_->resume();
+  if (error) VK_LOG(vk_ops(), Error, "cannot accept connections: %{public}@", *error);
+  return !error;
 }
 
 bool VKDServer::run() {

@@ -85,7 +85,7 @@ class VKDServer final : public VKDatabase,
  private:
   explicit VKDServer(const Services& services) : VKDatabase(services) {}
   bool setUp(std::string_view serviceName, const std::optional<std::string>& databasePath);
-  void accept(const std::shared_ptr<MessageConnection>& peer);
+  void accept(const std::shared_ptr<PeerConnection>& peer);
 
   // On "serverSync".
   using Holds = std::vector<std::shared_ptr<VKDPlugInHold>>;

@@ -16,8 +16,8 @@ constexpr std::uint32_t kRequestsPerLogLine = 1000;
 
 }  // namespace
 
-std::shared_ptr<VKDZypClient> VKDZypClient::initWithConnectionServer(
-    const std::shared_ptr<MessageConnection>& connection, std::shared_ptr<VKDServer> server) {
+std::shared_ptr<VKDZypClient> VKDZypClient::initWithConnectionServer(const std::shared_ptr<PeerConnection>& connection,
+                                                                     std::shared_ptr<VKDServer> server) {
   std::shared_ptr<VKDZypClient> client(new VKDZypClient(connection, std::move(server)));
   client->identify(*connection);
   connection->setContext(client);
@@ -26,10 +26,10 @@ std::shared_ptr<VKDZypClient> VKDZypClient::initWithConnectionServer(
   return client;
 }
 
-VKDZypClient::VKDZypClient(const std::shared_ptr<MessageConnection>& connection, std::shared_ptr<VKDServer> server)
+VKDZypClient::VKDZypClient(const std::shared_ptr<PeerConnection>& connection, std::shared_ptr<VKDServer> server)
     : connection_(connection), server_(std::move(server)), pid_(connection->peerPid()) {}
 
-void VKDZypClient::identify(const MessageConnection& connection) {
+void VKDZypClient::identify(const PeerConnection& connection) {
   const Services& services = server_->services();
   const auto token = connection.peerAuditToken();
   if (auto found = services.codeSigning->executablePathOfPeer(*token)) {

@@ -31,7 +31,7 @@ class VKDZypClient final : public HostClient {
  public:
   // The client of a new connection, already receiving messages. It lives through the connection; the caller need not
   // keep it.
-  static std::shared_ptr<VKDZypClient> initWithConnectionServer(const std::shared_ptr<MessageConnection>& connection,
+  static std::shared_ptr<VKDZypClient> initWithConnectionServer(const std::shared_ptr<PeerConnection>& connection,
                                                                 std::shared_ptr<VKDServer> server);
   VKDZypClient(const VKDZypClient&) = delete;
   VKDZypClient& operator=(const VKDZypClient&) = delete;
@@ -75,9 +75,9 @@ class VKDZypClient final : public HostClient {
   Holds& holds() { return holds_; }
 
  private:
-  VKDZypClient(const std::shared_ptr<MessageConnection>& connection, std::shared_ptr<VKDServer> server);
+  VKDZypClient(const std::shared_ptr<PeerConnection>& connection, std::shared_ptr<VKDServer> server);
 
-  void identify(const MessageConnection& connection);
+  void identify(const PeerConnection& connection);
   static void handleEvent(const std::shared_ptr<VKDZypClient>& self, Message event);
   static void takeEvent(const std::shared_ptr<VKDZypClient>& self, Message event);
   static void takeRequest(const std::shared_ptr<VKDZypClient>& self, Message request);

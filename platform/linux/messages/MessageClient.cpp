@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "platform/linux/messages/MessagePeer.h"
 #include "platform/linux/messages/MessageServiceSocket.h"
 #include "platform/values/Format.h"
 
@@ -36,14 +35,7 @@ void MessageClient::resume() {
 }
 
 void MessageClient::send(const Message& message) {
-  switch (message.route()) {
-    case Message::Route::NoReplyWanted:
-      return;
-    case Message::Route::Reply:
-      return sendFrame({FrameType::Reply, message.routeID(), encodeMessage(message)});
-    default:
-      return sendFrame({FrameType::Message, 0, encodeMessage(message)});
-  }
+  if (const auto frame = frameOf(message)) sendFrame({frame->type, frame->id, encodeMessage(message)});
 }
 
 void MessageClient::sendWithReply(const Message& message, std::shared_ptr<WorkQueue> queue, ReplyHandler handler) {

@@ -22,7 +22,7 @@
 
 namespace platform {
 
-class MessageClient final : public MessageConnection,
+class MessageClient final : public ServiceConnection,
                             public MessageSocketUser,
                             public std::enable_shared_from_this<MessageClient> {
  public:
@@ -31,9 +31,6 @@ class MessageClient final : public MessageConnection,
   ~MessageClient() override;
 
   std::int32_t peerPid() const override;
-  // Null: a client trusts the service by the directory that its socket lies in.
-  std::shared_ptr<AuditToken> peerAuditToken() const override { return nullptr; }
-  void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
   void setEventHandler(EventHandler handler) override { handler_ = std::move(handler); }
   void resume() override;
   void send(const Message& message) override;
@@ -60,7 +57,6 @@ class MessageClient final : public MessageConnection,
   const std::string serviceName_;
   const std::shared_ptr<WorkQueue> deliveryQueue_;
   MessageReplies replies_;
-  std::shared_ptr<void> context_;
   // Set before resume(); from then on used on deliveryQueue_ only.
   EventHandler handler_;
 

@@ -35,6 +35,30 @@ const char* FrameHeader::decode(std::string_view bytes) {
   return nullptr;
 }
 
+std::optional<FrameKind> frameOf(const Message& message) {
+  switch (message.route()) {
+    case Message::Route::NoReplyWanted:
+      return std::nullopt;
+    case Message::Route::Reply:
+      return FrameKind{FrameType::Reply, message.routeID()};
+    default:
+      return FrameKind{FrameType::Message, 0};
+  }
+}
+
+Message messageInFrame(const FrameHeader& header, const SharedSlice& payload, std::string* wrong) {
+  DomainError error;
+  Message message = decodeMessage(payload, &error);
+  if (!message) {
+    *wrong = "bytes that are no message: " + error.localizedDescription();
+  } else if (header.type == FrameType::Request) {
+    message.setRoute(Message::Route::Request, header.id);
+  } else {
+    message.setRoute(Message::Route::NoReplyWanted, 0);
+  }
+  return message;
+}
+
 FrameReader::Next FrameReader::next(FrameHeader* header, SharedSlice* payload) {
   if (wrong_ != nullptr) return Next::Bad;
   if (bodyHeader_.length != 0) return takeBody(header, payload) ? Next::Frame : Next::More;

@@ -15,11 +15,13 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
 #include "platform/MessageConnection.h"
+#include "platform/values/Message.h"
 #include "platform/values/SharedBytes.h"
 
 namespace platform {
@@ -37,6 +39,17 @@ struct FrameHeader {
   // Reads exactly kFrameHeaderBytes. Null when it is valid, else what is wrong with it.
   const char* decode(std::string_view bytes);
 };
+
+// How a message travels, by its route: as a message, or as the reply to a request. Nothing for the reply to a message
+// that wants none.
+struct FrameKind {
+  FrameType type;
+  std::uint64_t id;
+};
+std::optional<FrameKind> frameOf(const Message& message);
+
+// The message in a frame, with the route by which it is answered. Nothing and *wrong for bytes that are none.
+Message messageInFrame(const FrameHeader& header, const SharedSlice& payload, std::string* wrong);
 
 // Cuts what a socket gives into frames. Small frames are cut out of a buffer that many readers share; of a frame that
 // is not there as a whole, the reader keeps the beginning, in a buffer that grows as bytes arrive, whatever length the

@@ -105,16 +105,10 @@ bool MessageAcceptor::pauseOver() {
   return true;
 }
 
-bool LinuxMessageListener::resume() {
-  if (!handler_) {
-    reason_ = "no connection handler";
-  } else if (!acceptor_->start(std::move(handler_))) {
-    reason_ = std::string("cannot watch the socket: ") + std::strerror(errno);
-  } else {
-    reason_.clear();
-    return true;
-  }
-  return false;
+std::optional<DomainError> LinuxMessageListener::resume() {
+  if (!handler_) return DomainError{MessageErrorDomain, 0, "no connection handler"};
+  if (acceptor_->start(std::move(handler_))) return std::nullopt;
+  return messageError("cannot watch the socket");
 }
 
 }  // namespace platform

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
-#include <string>
+#include <optional>
 
 #include "platform/MessageConnection.h"
 #include "platform/linux/files/UniqueFd.h"
@@ -56,13 +56,11 @@ class LinuxMessageListener final : public MessageListener {
   ~LinuxMessageListener() override { acceptor_->stop(); }
 
   void setConnectionHandler(ConnectionHandler handler) override { handler_ = std::move(handler); }
-  bool resume() override;
-  std::string reason() const override { return reason_; }
+  std::optional<DomainError> resume() override;
 
  private:
   const std::shared_ptr<MessageAcceptor> acceptor_;
   ConnectionHandler handler_;
-  std::string reason_;
 };
 
 }  // namespace platform

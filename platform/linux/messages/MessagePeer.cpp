@@ -8,23 +8,8 @@
 
 namespace platform {
 
-Message messageInFrame(const FrameHeader& header, const SharedSlice& payload, std::string* wrong) {
-  DomainError error;
-  Message message = decodeMessage(payload, &error);
-  if (!message) {
-    *wrong = "bytes that are no message: " + error.localizedDescription();
-  } else if (header.type == FrameType::Request) {
-    message.setRoute(Message::Route::Request, header.id);
-  } else {
-    message.setRoute(Message::Route::NoReplyWanted, 0);
-  }
-  return message;
-}
-
 MessagePeer::MessagePeer(std::shared_ptr<MessageSocket> socket, std::shared_ptr<PeerIdentity> identity)
     : socket_(std::move(socket)), identity_(std::move(identity)) {}
-
-MessagePeer::~MessagePeer() { replies_.failAll(connectionInvalid()); }
 
 void MessagePeer::resume() {
   self_ = shared_from_this();
@@ -35,23 +20,10 @@ void MessagePeer::resume() {
 }
 
 void MessagePeer::send(const Message& message) {
-  switch (message.route()) {
-    case Message::Route::NoReplyWanted:
-      return;
-    case Message::Route::Reply:
-      return sendFrame(FrameType::Reply, message.routeID(), message);
-    default:
-      return sendFrame(FrameType::Message, 0, message);
-  }
-}
-
-void MessagePeer::sendWithReply(const Message& message, std::shared_ptr<WorkQueue> queue, ReplyHandler handler) {
-  sendFrame(FrameType::Request, replies_.expect(std::move(queue), std::move(handler)), message);
-}
-
-void MessagePeer::sendFrame(FrameType type, std::uint64_t id, const Message& message) {
+  const auto frame = frameOf(message);
+  if (!frame) return;
   try {
-    socket_->send(type, id, encodeMessage(message));
+    socket_->send(frame->type, frame->id, encodeMessage(message));
   } catch (const std::bad_alloc&) {
     socket_->cutOff("no memory for its reply");
   }
@@ -61,9 +33,7 @@ std::string MessagePeer::frameArrived(const FrameHeader& header, const SharedSli
   std::string wrong;
   Message message = messageInFrame(header, payload, &wrong);
   if (!message) return wrong;
-  if (header.type == FrameType::Reply) {
-    return replies_.arrived(header.id, std::move(message)) ? "" : "a reply to no request";
-  }
+  if (header.type == FrameType::Reply) return "a reply to no request";
   // Only a dictionary can be replied to.
   if (header.type == FrameType::Request && !message.isDictionary()) socket_->expectNoReply(header.id);
   deliver(std::move(message));
@@ -84,7 +54,6 @@ void MessagePeer::socketClosed() {
   std::shared_ptr<MessagePeer> last = std::move(self_);
   deliver(connectionInvalid());
   handler_ = nullptr;
-  replies_.failAll(connectionInvalid());
 }
 
 std::string MessagePeer::description() const {

@@ -18,12 +18,11 @@
 
 namespace platform {
 
-class MessagePeer final : public MessageConnection,
+class MessagePeer final : public PeerConnection,
                           public MessageSocketUser,
                           public std::enable_shared_from_this<MessagePeer> {
  public:
   MessagePeer(std::shared_ptr<MessageSocket> socket, std::shared_ptr<PeerIdentity> identity);
-  ~MessagePeer() override;
 
   std::int32_t peerPid() const override { return identity_->pid(); }
   std::shared_ptr<AuditToken> peerAuditToken() const override { return identity_; }
@@ -31,7 +30,6 @@ class MessagePeer final : public MessageConnection,
   void setEventHandler(EventHandler handler) override { handler_ = std::move(handler); }
   void resume() override;
   void send(const Message& message) override;
-  void sendWithReply(const Message& message, std::shared_ptr<WorkQueue> queue, ReplyHandler handler) override;
   void cancel() override { socket_->close(); }
   std::string description() const override;
 
@@ -41,18 +39,13 @@ class MessagePeer final : public MessageConnection,
 
  private:
   void deliver(Message event);
-  void sendFrame(FrameType type, std::uint64_t id, const Message& message);
 
   const std::shared_ptr<MessageSocket> socket_;
   const std::shared_ptr<PeerIdentity> identity_;
-  MessageReplies replies_;
   // Set before resume(); from then on used by the delivery only.
   std::shared_ptr<void> context_;
   EventHandler handler_;
   std::shared_ptr<MessagePeer> self_;  // while live
 };
-
-// The message in a frame, with the route by which it is answered. Nothing and *wrong for bytes that are none.
-Message messageInFrame(const FrameHeader& header, const SharedSlice& payload, std::string* wrong);
 
 }  // namespace platform

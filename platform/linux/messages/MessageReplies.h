@@ -20,7 +20,7 @@ Message terminationImminent();
 // Each handler is called exactly once, on its queue. Safe from any thread.
 class MessageReplies {
  public:
-  using ReplyHandler = MessageConnection::ReplyHandler;
+  using ReplyHandler = ServiceConnection::ReplyHandler;
 
   // The id to send the request with.
   std::uint64_t expect(std::shared_ptr<WorkQueue> queue, ReplyHandler handler);

@@ -44,23 +44,22 @@ void markBusy(const DeviceRoot& root, bool busy) {
 
 }  // namespace
 
-LinuxMessageService::LinuxMessageService(std::shared_ptr<EventLoop> loop, std::shared_ptr<const DeviceRoot> root)
+LinuxMessageService::LinuxMessageService(RunningLoop loop, std::shared_ptr<const DeviceRoot> root)
     : loop_(std::move(loop)), root_(std::move(root)) {}
 
 std::shared_ptr<MessageListener> LinuxMessageService::listen(std::string_view serviceName,
                                                              std::shared_ptr<WorkQueue> deliveryQueue,
-                                                             std::string* reason) {
-  std::string ignored;
-  auto socket = MessageServiceSocket::claim(*root_, serviceName, reason != nullptr ? reason : &ignored);
+                                                             DomainError* error) {
+  auto socket = MessageServiceSocket::claim(*root_, serviceName, error);
   if (socket == nullptr) return nullptr;
   ignoreBrokenPipes();
   return std::make_shared<LinuxMessageListener>(
-      std::make_shared<MessageAcceptor>(loop_->reference(), std::move(socket), std::move(deliveryQueue)));
+      std::make_shared<MessageAcceptor>(loop_.loop(), std::move(socket), std::move(deliveryQueue)));
 }
 
-std::shared_ptr<MessageConnection> LinuxMessageService::connect(std::string_view serviceName,
+std::shared_ptr<ServiceConnection> LinuxMessageService::connect(std::string_view serviceName,
                                                                 std::shared_ptr<WorkQueue> deliveryQueue) {
-  return std::make_shared<MessageClient>(loop_->reference(), root_, std::string(serviceName), std::move(deliveryQueue));
+  return std::make_shared<MessageClient>(loop_.loop(), root_, std::string(serviceName), std::move(deliveryQueue));
 }
 
 void LinuxMessageService::beginKeepAlive() {
@@ -80,8 +79,7 @@ int LinuxMessageService::keepAliveCount() const {
   return keepAliveCount_;
 }
 
-std::shared_ptr<LinuxMessageService> makeMessageService(std::shared_ptr<EventLoop> loop,
-                                                        std::shared_ptr<const DeviceRoot> root) {
+std::shared_ptr<LinuxMessageService> makeMessageService(RunningLoop loop, std::shared_ptr<const DeviceRoot> root) {
   return std::make_shared<LinuxMessageService>(std::move(loop), std::move(root));
 }
 

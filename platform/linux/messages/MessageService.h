@@ -13,16 +13,15 @@
 
 namespace platform {
 
-// Safe from any thread. Its listeners and connections may outlive it; nothing is delivered to them when the last owner
-// of the loop has let go.
+// Safe from any thread. Its listeners and connections may outlive it; from then on nothing is delivered to them.
 class LinuxMessageService final : public MessageService {
  public:
-  LinuxMessageService(std::shared_ptr<EventLoop> loop, std::shared_ptr<const DeviceRoot> root);
+  LinuxMessageService(RunningLoop loop, std::shared_ptr<const DeviceRoot> root);
 
   // From now on the process ignores SIGPIPE: a daemon does not end because the reader of its log did.
   std::shared_ptr<MessageListener> listen(std::string_view serviceName, std::shared_ptr<WorkQueue> deliveryQueue,
-                                          std::string* reason) override;
-  std::shared_ptr<MessageConnection> connect(std::string_view serviceName,
+                                          DomainError* error) override;
+  std::shared_ptr<ServiceConnection> connect(std::string_view serviceName,
                                              std::shared_ptr<WorkQueue> deliveryQueue) override;
   // While busy, the process has a file /run/jobd/keepalive/<pid> of the device.
   void beginKeepAlive() override;
@@ -30,13 +29,12 @@ class LinuxMessageService final : public MessageService {
   int keepAliveCount() const;
 
  private:
-  const std::shared_ptr<EventLoop> loop_;
+  const RunningLoop loop_;
   const std::shared_ptr<const DeviceRoot> root_;
   mutable std::mutex keepAliveMutex_;
   int keepAliveCount_ = 0;  // guarded by keepAliveMutex_
 };
 
-std::shared_ptr<LinuxMessageService> makeMessageService(std::shared_ptr<EventLoop> loop,
-                                                        std::shared_ptr<const DeviceRoot> root);
+std::shared_ptr<LinuxMessageService> makeMessageService(RunningLoop loop, std::shared_ptr<const DeviceRoot> root);
 
 }  // namespace platform

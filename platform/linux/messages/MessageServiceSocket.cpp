@@ -41,8 +41,6 @@ std::string temporaryName(const std::string& name) {
   return text;
 }
 
-std::string withError(const std::string& text) { return text + ": " + std::strerror(errno); }
-
 }  // namespace
 
 const char* wrongServiceName(std::string_view name) {
@@ -54,32 +52,34 @@ const char* wrongServiceName(std::string_view name) {
   return nullptr;
 }
 
+DomainError messageError(const std::string& what) {
+  return DomainError{MessageErrorDomain, errno, what + ": " + std::strerror(errno)};
+}
+
 std::unique_ptr<MessageServiceSocket> MessageServiceSocket::claim(const DeviceRoot& root, std::string_view name,
-                                                                  std::string* reason) {
-  if (const char* wrong = wrongServiceName(name)) {
-    *reason = wrong;
+                                                                  DomainError* error) {
+  const auto refuse = [&](DomainError why) -> std::unique_ptr<MessageServiceSocket> {
+    if (error != nullptr) *error = std::move(why);
     return nullptr;
-  }
+  };
+  if (const char* wrong = wrongServiceName(name)) return refuse({MessageErrorDomain, 0, wrong});
   UniqueFd directory = root.makeDirectories(kServiceDirectory, 0755);
-  if (!directory) {
-    *reason = withError("cannot make " + std::string(kServiceDirectory));
-    return nullptr;
-  }
-  std::string lockName = "." + std::string(name) + ".lock";
+  if (!directory) return refuse(messageError("cannot make " + std::string(kServiceDirectory)));
+  const std::string service(name);
+  const std::string lockName = "." + service + ".lock";
   UniqueFd lock(
       ::openat(directory.get(), lockName.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
   if (!lock || ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-    bool inUse = lock && errno == EWOULDBLOCK;
-    *reason = inUse ? "service name " + std::string(name) + " is in use" : withError("cannot lock " + lockName);
-    return nullptr;
+    const bool inUse = lock && errno == EWOULDBLOCK;
+    return refuse(inUse ? DomainError{MessageErrorDomain, EWOULDBLOCK, "service name " + service + " is in use"}
+                        : messageError("cannot lock " + lockName));
   }
-  std::unique_ptr<MessageServiceSocket> service(
-      new MessageServiceSocket(std::move(directory), std::move(lock), std::string(name)));
-  if (!service->listen()) {
-    *reason = withError("cannot listen at " + std::string(kServiceDirectory) + "/" + std::string(name));
-    return nullptr;
+  std::unique_ptr<MessageServiceSocket> claimed(
+      new MessageServiceSocket(std::move(directory), std::move(lock), service));
+  if (!claimed->listen()) {
+    return refuse(messageError("cannot listen at " + std::string(kServiceDirectory) + "/" + service));
   }
-  return service;
+  return claimed;
 }
 
 // The socket is complete before it has its name: it takes the place of a stale one in one step, and no client ever

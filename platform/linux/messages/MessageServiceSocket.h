@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/MessageConnection.h"
 #include "platform/linux/files/DeviceRoot.h"
 #include "platform/linux/files/UniqueFd.h"
 
@@ -26,9 +27,8 @@ const char* wrongServiceName(std::string_view name);
 // A name that this process serves. Clients may connect from the start, and wait to be accepted.
 class MessageServiceSocket {
  public:
-  // Null and *reason when the name is served by a living process, or cannot be served.
-  static std::unique_ptr<MessageServiceSocket> claim(const DeviceRoot& root, std::string_view name,
-                                                     std::string* reason);
+  // Null and *error (may be null) when the name is served by a living process, or cannot be served.
+  static std::unique_ptr<MessageServiceSocket> claim(const DeviceRoot& root, std::string_view name, DomainError* error);
   // Takes the socket away, then gives up the name.
   ~MessageServiceSocket();
 
@@ -44,6 +44,9 @@ class MessageServiceSocket {
   const std::string name_;
   UniqueFd socket_;
 };
+
+// "what: reason" of the last failed call, in MessageErrorDomain.
+DomainError messageError(const std::string& what);
 
 // A socket connected to the service; invalid and errno when nobody serves it.
 UniqueFd connectToService(const DeviceRoot& root, std::string_view name);

@@ -40,10 +40,8 @@ struct EventLoop::Seat {
 
 constinit thread_local EventLoop::Seat* EventLoop::Seat::here = nullptr;
 
-std::shared_ptr<EventLoop> EventLoop::create() {
-  std::shared_ptr<EventLoop> loop(new EventLoop);
-  EventLoop* plain = loop.get();
-  return std::shared_ptr<EventLoop>(plain, [loop = std::move(loop)](EventLoop*) { loop->stop(); });
+void RunningLoop::stop() {
+  if (auto loop = std::exchange(loop_, nullptr)) loop->stop();
 }
 
 EventLoop::EventLoop() : epoll_(::epoll_create1(EPOLL_CLOEXEC)), stopEvent_(::eventfd(0, EFD_CLOEXEC)) {

@@ -44,15 +44,11 @@ class EventSource {
   virtual void loopEnded() {}
 };
 
+// Runs as long as its RunningLoop. Sources, and what they refer to, share the object: that keeps it alive, but not
+// running.
 class EventLoop final : public QueueRunner, public std::enable_shared_from_this<EventLoop> {
  public:
   using Watch = std::uint64_t;
-
-  // The loop runs until the last copy of this pointer is let go, wherever that happens. Its threads start with the
-  // first watch.
-  static std::shared_ptr<EventLoop> create();
-  // For sources and what they refer to: keeps the object alive, but not the loop running.
-  std::shared_ptr<EventLoop> reference() { return shared_from_this(); }
 
   // 0 and errno when it cannot be watched. The descriptor must stay open until unwatch().
   Watch watch(int fd, std::uint32_t events, std::shared_ptr<EventSource> source);
@@ -70,6 +66,7 @@ class EventLoop final : public QueueRunner, public std::enable_shared_from_this<
   void runSoon(std::shared_ptr<SerialQueue> queue) override;
 
  private:
+  friend class RunningLoop;
   struct Seat;
 
   EventLoop();
@@ -103,6 +100,22 @@ class EventLoop final : public QueueRunner, public std::enable_shared_from_this<
 
   std::mutex standbyMutex_;
   std::condition_variable standbyWakes_;
+};
+
+// A loop that runs until this is let go, wherever that happens. Its threads start with the first watch.
+class RunningLoop {
+ public:
+  RunningLoop() : loop_(new EventLoop) {}
+  RunningLoop(RunningLoop&&) = default;
+  RunningLoop& operator=(RunningLoop&&) = delete;
+  ~RunningLoop() { stop(); }
+
+  const std::shared_ptr<EventLoop>& loop() const { return loop_; }
+  // Waits for the deliveries that are under way, unless called by one of them.
+  void stop();
+
+ private:
+  std::shared_ptr<EventLoop> loop_;  // null: moved away, or stopped
 };
 
 }  // namespace platform

@@ -62,7 +62,7 @@ void WorkQueue::assertCurrent() const {
 QueueRunner::Scope::Scope(QueueRunner* runner) { runnerHere = runner; }
 QueueRunner::Scope::~Scope() { runnerHere = nullptr; }
 
-// Notes that this thread is on the queue, and what that queue does next when it leaves.
+// Notes that this thread is on the queue, as long as it lives.
 class SerialQueue::Turn {
  public:
   explicit Turn(const SerialQueue* queue) : held_{queue, innermost} { innermost = &held_; }

@@ -107,7 +107,7 @@ TEST_F(DiscoveryRequest, ShowsEachClientWhatItMaySee) {
   daemon.device.preferences->exclusions = list({5, dictionary({{std::string(kVKRuleIdentifier), "excluded"}})});
   FakeClient manager = daemon.connectManager(), entitled = daemon.connect(5, dictionary({{"special", true}}));
   daemon.device.codeSigning->processes[6].path = "/Applications/Other.app/run";
-  FakeClient other = daemon.connect(6), unknown = daemon.connect(std::make_shared<FakeConnection>(7));
+  FakeClient other = daemon.connect(6), unknown = daemon.connect(std::make_shared<FakePeer>(7));
   client.tell(lockRequest({held->url->path}, 2));
 
   const struct {

@@ -73,7 +73,7 @@ const Message kRequests[] = {
 // Whether the n-th allocation was reached.
 bool survives(Message request, int n) {
   Scene scene;
-  FakeConnection& connection = *scene.client.connection;
+  FakePeer& connection = *scene.client.connection;
   const bool reached = Scene::runs(n, [&] {
     scene.client.deliver(std::move(request));
     scene.daemon.work();

@@ -23,8 +23,8 @@ constexpr const char* kOther = "/Applications/Other.app/run";
 constexpr const char* kSpecial = "special";
 constexpr std::uint64_t kEverything = 0x200;
 
-struct Peer : FakeConnection {
-  explicit Peer(std::shared_ptr<AuditToken> it) : FakeConnection(it->pid()), token(std::move(it)) {}
+struct Peer : FakePeer {
+  explicit Peer(std::shared_ptr<AuditToken> it) : FakePeer(it->pid()), token(std::move(it)) {}
   std::shared_ptr<AuditToken> token;
   std::shared_ptr<AuditToken> peerAuditToken() const override { return token; }
 };
@@ -168,7 +168,7 @@ TEST(Identity, IsNobodysWheneverAnythingIsWrong) {
 TEST(Identity, IsNobodysWhenItNeverWasKnown) {
   Scene scene;
   const pid_t pid = scene.process->pid();
-  FakeClient foreign = scene.daemon.connect(std::make_shared<FakeConnection>(pid));
+  FakeClient foreign = scene.daemon.connect(std::make_shared<FakePeer>(pid));
   EXPECT_EQ(scene.rights(foreign), "") << "a token that is none of this machine";
   scene.end();
   scene.peer = PeerIdentity::ofProcess(pid);

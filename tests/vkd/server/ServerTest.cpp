@@ -115,7 +115,7 @@ TEST(Client, KnowsItsProcessAndLivesThroughItsConnection) {
 
 TEST(Client, IsServedWithoutAnExecutable) {
   FakeDaemon daemon;
-  FakeClient client = daemon.connect(std::make_shared<FakeConnection>(9));
+  FakeClient client = daemon.connect(std::make_shared<FakePeer>(9));
   EXPECT_EQ(client.object()->path(), "");
   EXPECT_EQ(client.object()->bundle(), nullptr);
   CapturedLog log;

@@ -65,21 +65,22 @@ class Events {
 // A daemon that answers a request {"n": …} by {"n": …}, on its service queue, and remembers its events.
 class Daemon {
  public:
-  Daemon(const std::shared_ptr<const DeviceRoot>& root, const std::string& name) {
-    std::string reason;
-    listener = makeMessageService(loop, root)->listen(name, queues->serial("zyp", WorkQueue::Order::Outer), &reason);
-    if (listener == nullptr) throw std::runtime_error(reason);
-    listener->setConnectionHandler([this](std::shared_ptr<MessageConnection> peer) { welcome(peer); });
-    EXPECT_TRUE(listener->resume());
+  Daemon(const std::shared_ptr<const DeviceRoot>& root, const std::string& name)
+      : messages(makeMessageService(RunningLoop(), root)) {
+    DomainError error;
+    listener = messages->listen(name, queues->serial("zyp", WorkQueue::Order::Outer), &error);
+    if (listener == nullptr) throw std::runtime_error(error.localizedDescription());
+    listener->setConnectionHandler([this](std::shared_ptr<PeerConnection> peer) { welcome(peer); });
+    EXPECT_FALSE(listener->resume());
   }
   ~Daemon() {
     listener.reset();
-    loop.reset();
+    messages.reset();
     serviceQueue->sync([] {});  // after all that waits
   }
 
-  void welcome(const std::shared_ptr<MessageConnection>& peer) {
-    std::weak_ptr<MessageConnection> weak = peer;
+  void welcome(const std::shared_ptr<PeerConnection>& peer) {
+    std::weak_ptr<PeerConnection> weak = peer;
     peer->setContext(std::shared_ptr<void>(nullptr, [this](void*) { ++contextsReleased; }));
     peer->setEventHandler([this, weak](Message event) {
       events.note(event);
@@ -92,7 +93,7 @@ class Daemon {
     }
     peer->resume();
   }
-  void answer(const std::shared_ptr<MessageConnection>& peer, const Message& event) {
+  void answer(const std::shared_ptr<PeerConnection>& peer, const Message& event) {
     Message reply = Message::createReply(event);
     if (const Message* number = event.get("n")) reply.set("n", *number);
     if (event.get("large") != nullptr) {
@@ -103,8 +104,8 @@ class Daemon {
     peer->send(reply);
     peer->send(reply);  // a second reply goes nowhere
   }
-  std::shared_ptr<MessageConnection> peer(std::size_t index) const {
-    std::shared_ptr<MessageConnection> found;
+  std::shared_ptr<PeerConnection> peer(std::size_t index) const {
+    std::shared_ptr<PeerConnection> found;
     eventually([&] {
       std::lock_guard lock(mutex);
       return peers.size() > index && (found = peers[index].lock()) != nullptr;
@@ -125,10 +126,10 @@ class Daemon {
   std::shared_ptr<WorkQueue> serviceQueue = queues->serial("service", WorkQueue::Order::Outer);
   std::shared_ptr<MessageListener> listener;
   mutable std::mutex mutex;
-  std::vector<std::weak_ptr<MessageConnection>> peers;
+  std::vector<std::weak_ptr<PeerConnection>> peers;
   Events events;
   std::atomic<int> contextsReleased = 0;
-  std::shared_ptr<EventLoop> loop = EventLoop::create();
+  std::shared_ptr<LinuxMessageService> messages;
 };
 
 struct MessageServices : testing::Test {
@@ -247,13 +248,14 @@ TEST_F(MessageServices, TellHowAConnectionEnds) {
 
 // The client's end, with its events in order.
 struct Client {
-  Client(const std::shared_ptr<const DeviceRoot>& root, const std::string& name) {
-    connection = makeMessageService(loop, root)->connect(name, queue);
+  Client(const std::shared_ptr<const DeviceRoot>& root, const std::string& name)
+      : messages(makeMessageService(RunningLoop(), root)) {
+    connection = messages->connect(name, queue);
     connection->setEventHandler([this](Message event) { events.note(event); });
     connection->resume();
   }
   ~Client() {
-    loop.reset();
+    messages.reset();
     queue->sync([] {});
   }
   std::future<Message> send(const Message& message) const {
@@ -266,8 +268,8 @@ struct Client {
   }
   Events events;
   std::shared_ptr<WorkQueue> queue = makeWorkQueues()->serial("client", WorkQueue::Order::Outer);
-  std::shared_ptr<MessageConnection> connection;
-  std::shared_ptr<EventLoop> loop = EventLoop::create();
+  std::shared_ptr<LinuxMessageService> messages;
+  std::shared_ptr<ServiceConnection> connection;
 };
 
 TEST_F(MessageServices, ClientsOutliveTheirDaemon) {
@@ -293,17 +295,17 @@ TEST_F(MessageServices, ClientsOutliveTheirDaemon) {
 }
 
 TEST_F(MessageServices, TakeANameFromTheDeadOnly) {
-  std::string reason;
+  DomainError error;
   const std::string longest(96, 'n');
   auto socketOf = [&](const char* name) { return scratch.host(std::string("/run/zyp/") + name); };
   auto refused = [&](const std::string& name) {
-    auto service = makeMessageService(EventLoop::create(), root);
-    return service->listen(name, makeWorkQueues()->serial("zyp", WorkQueue::Order::Outer), &reason) == nullptr;
+    auto service = makeMessageService(RunningLoop(), root);
+    return service->listen(name, makeWorkQueues()->serial("zyp", WorkQueue::Order::Outer), &error) == nullptr;
   };
   {
     Daemon daemon(root, "test");
     EXPECT_TRUE(refused("test"));
-    EXPECT_EQ(reason, "service name test is in use");
+    EXPECT_EQ(error.localizedDescription(), "service name test is in use");
     EXPECT_EQ(std::filesystem::status(socketOf("test")).permissions(), std::filesystem::perms(0666));
     // What stays when a daemon is killed.
     std::filesystem::create_hard_link(socketOf("test"), socketOf("stale"));
@@ -414,7 +416,7 @@ TEST(FrameReaderTest, TakesMemoryForWhatArrivedOnly) {
 }
 
 TEST_F(MessageServices, MarkABusyProcess) {
-  auto service = makeMessageService(EventLoop::create(), root);
+  auto service = makeMessageService(RunningLoop(), root);
   auto marked = [&] {
     return std::filesystem::exists(scratch.host("/run/jobd/keepalive/" + std::to_string(::getpid())));
   };

@@ -102,10 +102,10 @@ TEST_F(WorkQueues, StopTheProcessOnAWrongOrder) {
 class Signal : public EventSource {
  public:
   explicit Signal(std::function<void()> handler) : handler_(std::move(handler)) {}
-  static std::shared_ptr<Signal> on(const std::shared_ptr<EventLoop>& loop, std::function<void()> handler) {
+  static std::shared_ptr<Signal> on(const RunningLoop& running, std::function<void()> handler) {
     auto signal = std::make_shared<Signal>(std::move(handler));
-    signal->loop_ = loop->reference();
-    EXPECT_NE(loop->watch(signal->fd_.get(), EPOLLIN, signal), 0U);
+    signal->loop_ = running.loop();
+    EXPECT_NE(signal->loop_->watch(signal->fd_.get(), EPOLLIN, signal), 0U);
     return signal;
   }
   void signal() { EXPECT_EQ(::eventfd_write(fd_.get(), 1), 0); }
@@ -121,7 +121,7 @@ class Signal : public EventSource {
 };
 
 struct Loop : WorkQueues {
-  std::shared_ptr<EventLoop> loop = EventLoop::create();
+  RunningLoop loop;
 };
 
 TEST_F(Loop, DoesTheWorkOfADeliveryOnItsOwnThreadAfterIt) {
@@ -196,7 +196,7 @@ TEST_F(Loop, KeepsServingWhileTheLeadChangesHands) {
 
 TEST_F(Loop, EndsWhereverItsLastOwnerLetsGo) {
   std::promise<void> released;
-  auto* owner = new std::shared_ptr<EventLoop>(std::move(loop));
+  auto* owner = new RunningLoop(std::move(loop));
   auto source = Signal::on(*owner, [&] {
     delete owner;
     released.set_value();
